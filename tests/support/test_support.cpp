@@ -1,0 +1,64 @@
+#include "tests/support/test_support.h"
+
+#include <cstdlib>
+#include <filesystem>
+#include <mutex>
+
+#include "core/log.h"
+
+void PrintTo(const String& s, std::ostream* os) {
+  *os << '"';
+  for (int i = 0; i < s.length(); i++) {
+    unsigned char c = s.byte_at(i);
+    if (c >= 32 && c < 127 && c != '"' && c != '\\') {
+      *os << static_cast<char>(c);
+    } else {
+      static const char digits[] = "0123456789abcdef";
+      *os << "\\x" << digits[c >> 4] << digits[c & 15];
+    }
+  }
+  *os << '"';
+}
+
+std::string to_std(const String& s) { return std::string(s.c_data(), s.length()); }
+
+TempDir::TempDir() {
+  char pattern[] = "/tmp/exch-test-XXXXXX";
+  char* made = mkdtemp(pattern);
+  path_ = made ? made : "/tmp";
+}
+
+TempDir::~TempDir() {
+  std::error_code ec;
+  if (path_ != "/tmp") std::filesystem::remove_all(path_, ec);
+}
+
+static std::mutex capture_lock;
+static std::vector<std::string> captured;
+
+static void capture(int, int, const String& message) {
+  std::lock_guard<std::mutex> g(capture_lock);
+  captured.push_back(to_std(message));
+}
+
+LogCapture::LogCapture() {
+  clear();
+  log_set_observer(capture);
+}
+LogCapture::~LogCapture() { log_set_observer(nullptr); }
+const std::vector<std::string>& LogCapture::lines() const { return captured; }
+bool LogCapture::contains(const std::string& text) const {
+  std::lock_guard<std::mutex> g(capture_lock);
+  for (const auto& l : captured)
+    if (l.find(text) != std::string::npos) return true;
+  return false;
+}
+void LogCapture::clear() {
+  std::lock_guard<std::mutex> g(capture_lock);
+  captured.clear();
+}
+
+std::string source_dir() {
+  const char* d = getenv("EXCH_SOURCE_DIR");
+  return d ? d : ".";
+}

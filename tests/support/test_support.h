@@ -1,0 +1,37 @@
+// Helpers shared by the tests: printing Strings in failure messages, temporary
+// directories, and capture of log lines.
+#pragma once
+
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "core/string.h"
+
+void PrintTo(const String& s, std::ostream* os);
+std::string to_std(const String& s);
+
+// A fresh directory below /tmp, removed with everything in it when the object dies.
+class TempDir {
+ public:
+  TempDir();
+  ~TempDir();
+  const std::string& path() const { return path_; }
+  std::string file(const std::string& name) const { return path_ + "/" + name; }
+
+ private:
+  std::string path_;
+};
+
+// Collects every log message while alive.
+class LogCapture {
+ public:
+  LogCapture();
+  ~LogCapture();
+  const std::vector<std::string>& lines() const;
+  bool contains(const std::string& text) const;
+  void clear();
+};
+
+// Root of the source tree, for data files of the tests.
+std::string source_dir();
