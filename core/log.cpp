@@ -11,7 +11,10 @@ void log_set_observer(LogObserver o) { observer = o; }
 
 void log_add_message_global(int category, int level, int domain, const String& message,
                             const String& detail) {
-  if (observer) observer(category, level, message);
+  if (observer) {
+    observer(category, level, message);
+    return;
+  }
   if (!log_on) return;
   fprintf(stderr, "[%d] %.*s\n", level, message.length(), message.c_data());
 }
