@@ -4,16 +4,17 @@
 #include <syslog.h>
 #include <time.h>
 
+#include <atomic>
 #include <map>
 #include <memory>
 
 #include "core/format.h"
 #include "core/internal/log_state.h"
 
-std::atomic<int> log_levels[log_categories] = {5, 5, 5, 5, 5, 5, 5, 5, 5, 5, 5, 5,
-                                               5, 5, 5, 5, 5, 5, 5, 5, 5, 5, 5, 5};
-std::atomic<bool> log_on{false};
-std::atomic<bool> log_global_off{false};
+int log_levels[log_categories] = {5, 5, 5, 5, 5, 5, 5, 5, 5, 5, 5, 5,
+                                  5, 5, 5, 5, 5, 5, 5, 5, 5, 5, 5, 5};
+bool log_on = false;
+bool log_global_off = false;
 
 constinit Mutex log_mutex("log");
 static const bool log_mutex_registered = (thread_level_register("log", &log_mutex), true);
@@ -96,7 +97,7 @@ static void add_to_store(LogStore& s, bool global, int category, int level, int 
 
 static void write_log(LogStore& s, bool global, int category, int level, int domain,
                       const String& message, const String& detail) {
-  if (s.off->load(std::memory_order_relaxed)) return;
+  if (load_relaxed(*s.off)) return;
   LogEntry e;
   e.level = level;
   e.category = category;
@@ -107,7 +108,7 @@ static void write_log(LogStore& s, bool global, int category, int level, int dom
   if (s.stop_time.ms != 0 && e.time >= s.stop_time) {
     s.stop_time = WallTime();
     add_to_store(s, global, 0, 0, 0, String(), String());  // flushes the repeat count
-    s.off->store(true);
+    store_relaxed(*s.off, true);
     return;
   }
   s.entries.push_back(e);
@@ -152,34 +153,37 @@ static void add_to_store(LogStore& s, bool global, int category, int level, int 
 
 void log_add_message_global(int category, int level, int domain, const String& message,
                             const String& detail) {
-  if (LogObserver o = observer.load(std::memory_order_relaxed)) o(category, level, message);
-  if (!log_on.load(std::memory_order_relaxed)) return;
+  if (LogObserver o = observer.load(std::memory_order_relaxed)) {
+    o(category, level, message);
+    return;
+  }
+  if (!log_flag(log_on)) return;
   MutexGuard guard(log_mutex, "log_add_message_global", 1);
   add_to_store(log_global(), true, category, level, domain, message, detail);
 }
 
 void log_add_message_domain(int category, int level, int domain, const String& message,
                             const String& detail) {
-  if (!log_on.load(std::memory_order_relaxed) || domain < 1) return;
+  if (!log_flag(log_on) || domain < 1) return;
   MutexGuard guard(log_mutex, "log_add_message_domain", 1);
   add_to_store(domain_store(domain), false, category, level, domain, message, detail);
 }
 
 bool log_enabled(int category, int level, int domain) {
-  if (!log_on.load(std::memory_order_relaxed) || category < 0 || category >= log_categories)
+  if (!log_flag(log_on) || category < 0 || category >= log_categories)
     return false;
   MutexGuard guard(log_mutex, "log_enabled", 1);
   LogStore* s = find_domain(domain);
-  if (!s || s->off->load(std::memory_order_relaxed)) return false;
+  if (!s || load_relaxed(*s->off)) return false;
   if (category == LOG_WATCH) return true;
-  return level <= s->levels[category].load(std::memory_order_relaxed);
+  return level <= load_relaxed(s->levels[category]);
 }
 
 // ---- settings
 
 void log_set_level(int category, int level) {
   if (category < 0 || category >= log_categories) return;
-  log_levels[category].store(category == LOG_WATCH ? 5 : level, std::memory_order_relaxed);
+  store_relaxed(log_levels[category], category == LOG_WATCH ? 5 : level);
 }
 
 void log_set_level(int category, const String& value) { log_set_level(category, log_level_value(value)); }
@@ -191,7 +195,7 @@ void log_set_level(int category, const String& value, int domain) {
   }
   if (category < 0 || category >= log_categories) return;
   MutexGuard guard(log_mutex, "log_set_level", 1);
-  domain_store(domain).levels[category].store(category == LOG_WATCH ? 5 : log_level_value(value));
+  store_relaxed(domain_store(domain).levels[category], category == LOG_WATCH ? 5 : log_level_value(value));
 }
 
 void log_set_domain_level(int domain, const String& value) {
@@ -199,17 +203,17 @@ void log_set_domain_level(int domain, const String& value) {
   int level = log_level_value(value);
   MutexGuard guard(log_mutex, "log_set_domain_level", 1);
   LogStore& s = domain_store(domain);
-  for (int c = 0; c < log_categories; c++) s.levels[c].store(c == LOG_WATCH ? 5 : level);
+  for (int c = 0; c < log_categories; c++) store_relaxed(s.levels[c], c == LOG_WATCH ? 5 : level);
 }
 
 int log_get_level(int category, int domain) {
   if (category < 0 || category >= log_categories) return 0;
-  int level = log_levels[category].load(std::memory_order_relaxed);
+  int level = log_level_of(category);
   if (domain < 1) return level;
   MutexGuard guard(log_mutex, "log_get_level", 1);
   LogStore* s = find_domain(domain);
   if (s) {
-    int d = s->levels[category].load(std::memory_order_relaxed);
+    int d = load_relaxed(s->levels[category]);
     if (d > level) level = d;
   }
   return level;
@@ -236,11 +240,11 @@ static void set_duration(LogStore& s, const String& value, bool off_now) {
   String v = value.trim();
   if (v.empty() || v == "never") {
     s.stop_time = WallTime();
-    s.off->store(false);
+    store_relaxed(*s.off, false);
     return;
   }
   s.stop_time = WallTime(WallTime::now().ms + static_cast<uint64_t>(v.to_int64()) * 1000);
-  s.off->store(off_now);
+  store_relaxed(*s.off, off_now);
 }
 
 void log_set_duration(const String& value, bool off_now) {

@@ -7,7 +7,6 @@
 // A message that no one wants costs one load and one comparison.
 #pragma once
 
-#include <atomic>
 #include <vector>
 
 #include "core/string.h"
@@ -21,20 +20,25 @@ enum LogCategory : int {
 };
 constexpr int log_categories = 24;
 
-// The levels of the global store, read without a lock: a level that changes during a test
-// has no harmful effect. Write them through log_set_level.
-extern std::atomic<int> log_levels[log_categories];
+// The levels of the global store. They are read without a lock (a level that changes
+// during a test has no harmful effect); the log reads and writes them as relaxed atomics so
+// that the thread sanitizer agrees. Set them through log_set_level while threads run.
+extern int log_levels[log_categories];
 // False until start-up step 9 and again just before exit.
-extern std::atomic<bool> log_on;
+extern bool log_on;
 // The `off` flag of the global store (log_duration ran out).
-extern std::atomic<bool> log_global_off;
+extern bool log_global_off;
+
+inline bool log_flag(const bool& flag) { return __atomic_load_n(&flag, __ATOMIC_RELAXED); }
+inline int log_level_of(int category) {
+  return __atomic_load_n(&log_levels[category], __ATOMIC_RELAXED);
+}
 
 // `category` must be 0 to 23.
 inline bool log_enabled(int category, int level) {
-  if (!log_on.load(std::memory_order_relaxed) || log_global_off.load(std::memory_order_relaxed))
-    return false;
+  if (!log_flag(log_on) || log_flag(log_global_off)) return false;
   if (category == LOG_WATCH) return true;
-  return level <= log_levels[category].load(std::memory_order_relaxed);
+  return level <= log_level_of(category);
 }
 // The same for a domain's store; false if the domain has no store. A caller who logs for a
 // domain tests both forms and adds to each that passes.
@@ -45,8 +49,8 @@ void log_add_message_global(int category, int level, int domain, const String& m
 void log_add_message_domain(int category, int level, int domain, const String& message,
                             const String& detail = String());
 
-// Test hook: every message added through log_add_message_global is also handed to this
-// function, whether the log is on or not.
+// Test hook: while set, every message added through log_add_message_global goes to this
+// function instead of the log.
 using LogObserver = void (*)(int category, int level, const String& message);
 void log_set_observer(LogObserver observer);
 

@@ -1,5 +1,7 @@
 #include "core/random.h"
 
+#include "core/internal/string_access.h"
+
 #include <sys/random.h>
 
 #include <cerrno>
@@ -21,7 +23,7 @@ bool random_bytes(void* out, size_t n) {
 String random_string(int n) {
   if (n <= 0) return String();
   String s;
-  char* p = s.writable(n);
+  char* p = StringAccess::grow(s, n);
   if (!random_bytes(p, static_cast<size_t>(n))) return String();
   return s;
 }

@@ -2,7 +2,6 @@
 // here is guarded by log_mutex unless said otherwise.
 #pragma once
 
-#include <atomic>
 #include <deque>
 
 #include "core/log.h"
@@ -11,11 +10,18 @@
 #include "core/tick.h"
 #include "core/wakeup.h"
 
+// Levels and the off flag are read without the log lock (log_enabled), so they are
+// accessed as relaxed atomics.
+inline int load_relaxed(const int& x) { return __atomic_load_n(&x, __ATOMIC_RELAXED); }
+inline bool load_relaxed(const bool& x) { return __atomic_load_n(&x, __ATOMIC_RELAXED); }
+inline void store_relaxed(int& x, int v) { __atomic_store_n(&x, v, __ATOMIC_RELAXED); }
+inline void store_relaxed(bool& x, bool v) { __atomic_store_n(&x, v, __ATOMIC_RELAXED); }
+
 struct LogStore {
-  std::atomic<int> own_levels[log_categories];
-  std::atomic<bool> own_off{false};
-  std::atomic<int>* levels = own_levels;  // the global store points at log_levels
-  std::atomic<bool>* off = &own_off;      // and at log_global_off
+  int own_levels[log_categories];
+  bool own_off = false;
+  int* levels = own_levels;  // the global store points at log_levels
+  bool* off = &own_off;      // and at log_global_off
   WallTime stop_time;
   std::deque<LogEntry> entries;
   int max_entries = 100;
@@ -28,7 +34,7 @@ struct LogStore {
   String last_detail;
 
   LogStore() {
-    for (auto& l : own_levels) l.store(5, std::memory_order_relaxed);
+    for (int& l : own_levels) l = 5;
   }
 };
 

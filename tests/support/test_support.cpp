@@ -41,11 +41,22 @@ static void capture(int, int, const String& message) {
   captured.push_back(to_std(message));
 }
 
+static bool saved_on;
+static int saved_levels[log_categories];
+
 LogCapture::LogCapture() {
   clear();
+  saved_on = log_on;
+  for (int i = 0; i < log_categories; i++) saved_levels[i] = log_levels[i];
+  for (int& l : log_levels) l = 9;
+  log_on = true;
   log_set_observer(capture);
 }
-LogCapture::~LogCapture() { log_set_observer(nullptr); }
+LogCapture::~LogCapture() {
+  log_set_observer(nullptr);
+  log_on = saved_on;
+  for (int i = 0; i < log_categories; i++) log_levels[i] = saved_levels[i];
+}
 const std::vector<std::string>& LogCapture::lines() const { return captured; }
 bool LogCapture::contains(const std::string& text) const {
   std::lock_guard<std::mutex> g(capture_lock);
