@@ -95,6 +95,13 @@ static void trim_ring(LogStore& s) {
 static void add_to_store(LogStore& s, bool global, int category, int level, int domain,
                          const String& message, const String& detail);
 
+// `log_duration` ran out: the repeat count is flushed and the store turns itself off.
+static void stop_store(LogStore& s, bool global) {
+  s.stop_time = WallTime();
+  add_to_store(s, global, 0, 0, 0, String(), String());
+  store_relaxed(*s.off, true);
+}
+
 static void write_log(LogStore& s, bool global, int category, int level, int domain,
                       const String& message, const String& detail) {
   if (load_relaxed(*s.off)) return;
@@ -106,9 +113,7 @@ static void write_log(LogStore& s, bool global, int category, int level, int dom
   e.message = message;
   e.detail = detail;
   if (s.stop_time.ms != 0 && e.time >= s.stop_time) {
-    s.stop_time = WallTime();
-    add_to_store(s, global, 0, 0, 0, String(), String());  // flushes the repeat count
-    store_relaxed(*s.off, true);
+    stop_store(s, global);
     return;
   }
   s.entries.push_back(e);
@@ -130,6 +135,12 @@ static void write_log(LogStore& s, bool global, int category, int level, int dom
 // level) only counts; the next different one first writes how often the last one came.
 static void add_to_store(LogStore& s, bool global, int category, int level, int domain,
                          const String& message, const String& detail) {
+  // The limit is checked before the repeat filter, so that the flush of the count is the
+  // last line written and the message that found the store expired is the one dropped.
+  if (s.stop_time.ms != 0 && WallTime::now() >= s.stop_time) {
+    stop_store(s, global);
+    return;
+  }
   if (!message.empty() && s.has_last && level == s.last_level && category == s.last_category &&
       domain == s.last_domain && message == s.last_message && detail == s.last_detail) {
     s.repeat_count++;
@@ -311,4 +322,25 @@ void system_log_open() { openlog("PBX", LOG_NDELAY, LOG_USER); }
 
 void system_log_notice(const String& text) {
   syslog(LOG_NOTICE, "PBX: %.*s", text.length(), text.c_data());
+}
+
+void log_reset() {
+  MutexGuard guard(log_mutex, "log_reset", 1);
+  LogGlobal& g = log_global();
+  for (int c = 0; c < log_categories; c++) store_relaxed(log_levels[c], 5);
+  store_relaxed(log_global_off, false);
+  g.stop_time = WallTime();
+  g.entries.clear();
+  g.max_entries = 100;
+  g.repeat_count = 0;
+  g.has_last = false;
+  g.last_message = String();
+  g.last_detail = String();
+  g.file_name = String();
+  g.terminal = false;
+  g.queue.clear();
+  g.syslog_target = String();
+  g.syslog_generation++;
+  g.keep_days = 3;
+  domain_stores().clear();
 }

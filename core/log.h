@@ -123,3 +123,8 @@ String syslog_datagram(const LogEntry& e);
 // start-up notice and logins go there, as "PBX: %s" at priority 5.
 void system_log_open();
 void system_log_notice(const String& text);
+
+// Empties every ring, the queue and the repeat filters, deletes the domain stores and
+// restores the defaults of the settings (levels 5, length 100, no duration, no file, no
+// syslog, keep 3, no terminal). For tests; the writer must not be running.
+void log_reset();
