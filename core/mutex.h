@@ -53,7 +53,7 @@ class Mutex {
   const Event& history_event(int i) const;
   Tick locked_since() const { return Tick(locked_since_.load(std::memory_order_relaxed)); }
 
-  // Appends a record to the dump file: used for the Part's anomalies, and open to callers.
+  // Appends a record to the dump file: used for every anomaly found, and open to callers.
   void dump(const char* message, const char* place, int step) const;
 
  private:
@@ -86,11 +86,11 @@ class MutexGuard {
   int step_;
 };
 
-// The run locks of the two halves of the process (Part 1.2).
+// The run locks of the two halves of the process.
 extern Mutex ctrl_run_mutex;
 extern Mutex srv_run_mutex;
 
-// The free-function forms of the Part: must_own(ctrl_run_mutex, "ctrl_write_setting", 1).
+// The free-function forms: must_own(ctrl_run_mutex, "ctrl_write_setting", 1).
 inline void must_own(Mutex& m, const char* place, int step) { m.must_own(place, step); }
 inline void must_not_own(Mutex& m, const char* place, int step) { m.must_not_own(place, step); }
 

@@ -182,7 +182,7 @@ struct CallbackCount {
   int64_t count;
 };
 std::vector<CallbackCount> callback_objects();
-// Names a callback function for the statistics. Only the names that the Part lists are
+// Names a callback function for the statistics. Only the names of the known callbacks are
 // taken; every other function prints as "unknown".
 void callback_name_register(void* function, const char* name);
 template <class F>

@@ -17,7 +17,7 @@ TEST(TickTest, DifferencesRoundToNearest) {
       {1500000, 0, 2, 0, 1500},
       {499999999, 0, 500, 0, 500000},
       {500000000, 0, 500, 1, 500000},
-      {0, 1499999, 0, 0, -1499},  // the formula of the Part truncates toward 0
+      {0, 1499999, 0, 0, -1499},  // the rounding formula truncates toward 0
       {2000000000, 1000000000, 1000, 1, 1000000},
   };
   for (const Case& c : cases) {
