@@ -191,5 +191,5 @@ void callback_name_register(F function, const char* name) {
 }
 const char* callback_name(void* function);
 // "\"none\":%d" followed by ",\"name\":%d" per name (unnamed functions add up under
-// "unknown"): the members of the statistics object of Part 7.3.
+// "unknown"): the members of the statistics object of the REST side.
 String callback_objects_text();
