@@ -10,6 +10,7 @@
 #include "core/ntp_server.h"
 #include "core/process.h"
 #include "core/server.h"
+#include "core/statistics.h"
 #include "core/tick.h"
 
 static void write_stderr(const String& text) {
@@ -30,6 +31,7 @@ static void apply_log_override() {
 
 static void register_subsystems() {
   register_start_step(StartStage::apply_overrides, apply_log_override);
+  register_start_step(StartStage::after_store, load_stats_file);
   register_start_step(StartStage::before_threads, ntp_bind);
   register_control_party(ntp_party());
 }
