@@ -133,7 +133,9 @@ TEST(ServerTest, RebootReasonFromThePreviousRun) {
       {"[1,2]", "unknown", ""},
   };
   for (const auto& c : cases) {
-    if (c.file) ASSERT_TRUE(write_file(String(c.file), String("reboot.txt")));
+    if (c.file) {
+      ASSERT_TRUE(write_file(String(c.file), String("reboot.txt")));
+    }
     String reason, location;
     read_reboot_reason(reason, location);
     EXPECT_EQ(reason, String(c.reason));
