@@ -69,6 +69,7 @@ int main(int argc, char** argv) {
   if (took >= 10) log_line(1, format("Starting up took %s seconds", String(static_cast<int>(took))));
   run_start_steps(StartStage::after_store);
   run_start_steps(StartStage::services);
+  log_line(8, format("Scheduler precision is %d us", scheduler_precision()));
   char cwd[1024];
   if (getcwd(cwd, sizeof cwd)) log_line(5, format("Working Directory is %s", cwd));
   run_server();
