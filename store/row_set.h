@@ -1,0 +1,87 @@
+// RowSet: the set of row ids that every query of the store returns. A handle on a shared,
+// reference-counted body, copied only when a shared body is about to change, so query
+// results cost a count increment to pass around.
+//
+// Small sets (most index values name one or a few rows) keep a sorted list of ids; larger
+// ones switch to bitmaps of 256 ids keyed by block number (id / 256). Iteration asks for
+// the next id above the current one, so an iterator survives changes of the set under it.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <map>
+#include <vector>
+
+class RowSet {
+ public:
+  class Iterator;
+
+  RowSet() = default;
+  RowSet(const RowSet& o);
+  RowSet(RowSet&& o) noexcept : body_(o.body_) { o.body_ = nullptr; }
+  RowSet& operator=(const RowSet& o);
+  RowSet& operator=(RowSet&& o) noexcept;
+  ~RowSet();
+
+  // Both return whether the set changed. Ids below 1 are refused.
+  bool add(int id);
+  bool remove(int id);
+  void clear();
+  bool contains(int id) const;
+  int size() const;
+  bool empty() const { return size() == 0; }
+  int first() const { return next(0); }
+  int last() const;
+  // The smallest id above `id`, or -1.
+  int next(int id) const;
+  // The largest id below `id`, or -1.
+  int prev(int id) const;
+
+  Iterator begin() const;
+  Iterator end() const;
+
+  // The ids of both sets; walks the smaller one.
+  static RowSet intersect(const RowSet& a, const RowSet& b);
+  bool operator==(const RowSet& o) const;
+  std::vector<int> to_vector() const;
+  // Whether two handles share one body (for tests of the sharing).
+  bool shares_body_with(const RowSet& o) const { return body_ && body_ == o.body_; }
+  // Heap bytes held by the body, for statistics.
+  int64_t memory() const;
+
+ private:
+  using Bits = std::array<uint64_t, 4>;
+  struct Body {
+    int refs = 1;
+    int count = 0;
+    std::vector<int> list;         // sorted, while the set is small
+    std::map<int, Bits> blocks;    // afterwards
+  };
+  static constexpr int list_limit = 32;
+
+  Body* writable();
+  void to_blocks(Body* b);
+
+  Body* body_ = nullptr;
+};
+
+class RowSet::Iterator {
+ public:
+  Iterator(const RowSet& set, int current) : set_(set), current_(current) {}
+  int operator*() const { return current_; }
+  Iterator& operator++() {
+    current_ = set_.next(current_);
+    return *this;
+  }
+  bool operator!=(const Iterator& o) const { return current_ != o.current_; }
+  bool operator==(const Iterator& o) const { return current_ == o.current_; }
+
+ private:
+  // Holds the set itself, so the ids walked stay those of the set as it was taken
+  // unless the walker changes this very handle.
+  RowSet set_;
+  int current_;
+};
+
+inline RowSet::Iterator RowSet::begin() const { return Iterator(*this, first()); }
+inline RowSet::Iterator RowSet::end() const { return Iterator(*this, -1); }
