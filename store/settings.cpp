@@ -137,6 +137,11 @@ String document_element(const String& text) {
 
 }  // namespace
 
+std::vector<String> registry_defaults() {
+  const Names& n = slot_names();
+  return std::vector<String>(n.defaults, n.defaults + registry_size);
+}
+
 void reset_registry() {
   const Names& n = slot_names();
   for (int i = 0; i < registry_size; i++) ctrl_values[i] = n.defaults[i];
@@ -309,18 +314,20 @@ ParsedSettings parse_settings(const String& text) {
   return p;
 }
 
-String settings_document() {
+String settings_document() { return settings_document(std::vector<String>(ctrl_values, ctrl_values + registry_size)); }
+
+String settings_document(const std::vector<String>& values) {
   const Names& n = slot_names();
   String out;
   out.reserve(16384);
   out.append("<?xml version=\"1.0\" encoding=\"UTF-8\"?>\r\n<pbx-config>");
   for (int i = 0; i < registry_size; i++) {
     if (registry_slots[i].flags & registry_encrypted) {
-      XmlNode child(n.names[i], base64_encode(encipher_cell(ctrl_values[i])));
+      XmlNode child(n.names[i], base64_encode(encipher_cell(values[i])));
       child.set_attribute(str_encrypted, str_true);
       out.append(child.to_string());
     } else {
-      out.append(XmlNode(n.names[i], ctrl_values[i]).to_string());
+      out.append(XmlNode(n.names[i], values[i]).to_string());
     }
   }
   out.append("</pbx-config>");

@@ -62,6 +62,10 @@ struct ParsedSettings {
 ParsedSettings parse_settings(const String& text);
 // The whole document as it is written: root, then 425 children in index order.
 String settings_document();
+// The same for a set of 425 values, enciphered under the current cell key.
+String settings_document(const std::vector<String>& values);
+// The defaults of all slots, in index order.
+std::vector<String> registry_defaults();
 
 enum class SettingsLoad {
   loaded,         // the file was read
