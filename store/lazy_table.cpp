@@ -334,7 +334,7 @@ String LazyTable::compacted_journal(int bucket) const {
     if (!indices_[c]) continue;
     any_index = true;
     std::map<const String*, std::vector<int>, ByValue> groups;
-    for (int row = ids_.next(low - 1); row > 0 && row <= high; row = ids_.next(row)) {
+    for (int row = ids_.next(low == 0 ? 0 : low - 1); row > 0 && row <= high; row = ids_.next(row)) {
       const String* v = indices_[c]->value_of(row);
       groups[v ? v : &empty_value].push_back(row);
     }
@@ -353,7 +353,7 @@ String LazyTable::compacted_journal(int bucket) const {
     journal_put_rows(out, {it->first});
   }
   if (!any_index) {
-    for (int row = ids_.next(low - 1); row > 0 && row <= high; row = ids_.next(row)) {
+    for (int row = ids_.next(low == 0 ? 0 : low - 1); row > 0 && row <= high; row = ids_.next(row)) {
       journal_put_row(out, row);
     }
   }
