@@ -92,7 +92,8 @@ class LazyTable::Replayer : public JournalSink {
     }
     int c = table_.column_index(column);
     if (c < 0 || !table_.indices_[c]) return;
-    table_.indices_[c]->put(r, value);
+    // A buffer of its own: a cut of the journal would keep the whole file in memory.
+    table_.indices_[c]->put(r, String(value.c_data(), value.length()));
   }
   void on_delete(int64_t row) override {
     if (!accept(row) || !table_.has_row(static_cast<int>(row))) return;
@@ -160,6 +161,7 @@ void LazyTable::load_row_cache(int row) const {
   cache_cells_.assign(columns_.size(), String());
   cache_key_ = String();
   String data = read_file(row_file_path(directory_, row), true);
+  cache_has_file_ = !data.empty();
   String id;
   std::vector<RowRecord> records;
   String error;
@@ -270,6 +272,7 @@ int LazyTable::create_row(bool write) {
   cache_row_ = id;
   cache_cells_.assign(columns_.size(), String());
   cache_key_ = String();
+  cache_has_file_ = false;
   if (write) write_row(id);
   return id;
 }
@@ -287,17 +290,29 @@ void LazyTable::flush_bucket(int bucket) {
   if (b.rows == 0 || b.entries > column_count() * 4096) compact(bucket);
 }
 
-// The journal goes out before the row file: a start after a kill between the two finds
-// the row named last in the journal and takes its cells from the file (see reconcile).
+// Order matters for a kill between the two writes. A row that has a file gets the journal
+// first: a start finds the row named last in the journal and takes its cells from the
+// file (see reconcile). A row without a file yet gets the file first: cut before the
+// journal, the row is simply not there, as before the write.
 void LazyTable::write_row(int row) {
   int bucket = row / bucket_rows;
-  flush_bucket(bucket);
-  if (!has_row(row) || cache_row_ != row) return;
+  if (!has_row(row) || cache_row_ != row) {
+    flush_bucket(bucket);
+    return;
+  }
   std::vector<RowRecord> records;
   for (int c = 0; c < column_count(); c++) {
     if (!cache_cells_[c].empty()) records.push_back({columns_[c].name, cache_cells_[c], false});
   }
-  (void)write_file_atomic(encode_row_binary(cache_key_, records), row_file_path(directory_, row));
+  String data = encode_row_binary(cache_key_, records);
+  String path = row_file_path(directory_, row);
+  if (cache_has_file_) {
+    flush_bucket(bucket);
+    (void)write_file_atomic(data, path);
+  } else {
+    cache_has_file_ = write_file_atomic(data, path);
+    flush_bucket(bucket);
+  }
 }
 
 void LazyTable::delete_row(int row) {
@@ -444,16 +459,13 @@ void LazyTable::replay(const String& file, int bucket) {
   if (last_row >= 1 && last_row / bucket_rows == bucket) reconcile(static_cast<int>(last_row));
 }
 
-// The row named last in a journal may have been cut off between the journal and its file.
-// The file is the truth then: a row without a file was never written, and indexed cells
-// that differ from the file take the file's values.
+// The row named last in a journal may have been cut off between the journal and its file
+// (see write_row). Its file, written after the journal, is the truth: indexed cells that
+// differ from it take the file's values. A row without a file keeps what the journal says.
 void LazyTable::reconcile(int row) {
   if (!has_row(row)) return;
   String data = read_file(row_file_path(directory_, row), true);
-  if (data.empty()) {
-    delete_row(row);
-    return;
-  }
+  if (data.empty()) return;
   cache_row_ = 0;
   String id;
   std::vector<RowRecord> records;

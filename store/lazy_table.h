@@ -126,4 +126,5 @@ class LazyTable {
   mutable int cache_row_ = 0;
   mutable std::vector<String> cache_cells_;
   mutable String cache_key_;
+  mutable bool cache_has_file_ = false;
 };
