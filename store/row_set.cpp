@@ -45,9 +45,34 @@ RowSet::Body* RowSet::writable() {
   return b;
 }
 
+namespace {
+struct BlockLess {
+  template <class P>
+  bool operator()(const P& p, int block) const { return p.first < block; }
+  template <class P>
+  bool operator()(int block, const P& p) const { return block < p.first; }
+};
+}  // namespace
+
+// The first block whose number is not below `block`.
+std::vector<std::pair<int, RowSet::Bits>>::const_iterator RowSet::find_block(const Body* b, int block) {
+  if (!b->blocks.empty() && b->blocks.back().first < block) return b->blocks.end();
+  return std::lower_bound(b->blocks.begin(), b->blocks.end(), block, BlockLess());
+}
+
+RowSet::Bits& RowSet::block_for(Body* b, int block) {
+  if (b->blocks.empty() || b->blocks.back().first < block) {
+    b->blocks.push_back({block, Bits{}});
+    return b->blocks.back().second;
+  }
+  auto it = std::lower_bound(b->blocks.begin(), b->blocks.end(), block, BlockLess());
+  if (it == b->blocks.end() || it->first != block) it = b->blocks.insert(it, {block, Bits{}});
+  return it->second;
+}
+
 void RowSet::to_blocks(Body* b) {
   for (int id : b->list) {
-    Bits& bits = b->blocks[id >> 8];
+    Bits& bits = block_for(b, id >> 8);
     bits[(id >> 6) & 3] |= uint64_t(1) << (id & 63);
   }
   b->list.clear();
@@ -73,7 +98,7 @@ bool RowSet::add(int id) {
     b->list.insert(std::lower_bound(b->list.begin(), b->list.end(), id), id);
   } else {
     if (!b->list.empty()) to_blocks(b);
-    Bits& bits = b->blocks[id >> 8];
+    Bits& bits = block_for(b, id >> 8);
     bits[(id >> 6) & 3] |= uint64_t(1) << (id & 63);
   }
   b->count++;
@@ -94,7 +119,7 @@ bool RowSet::remove(int id) {
   if (b->blocks.empty()) {
     b->list.erase(std::lower_bound(b->list.begin(), b->list.end(), id));
   } else {
-    auto it = b->blocks.find(id >> 8);
+    auto it = b->blocks.begin() + (find_block(b, id >> 8) - b->blocks.cbegin());
     Bits& bits = it->second;
     bits[(id >> 6) & 3] &= ~(uint64_t(1) << (id & 63));
     if ((bits[0] | bits[1] | bits[2] | bits[3]) == 0) b->blocks.erase(it);
@@ -110,8 +135,8 @@ bool RowSet::contains(int id) const {
   if (single()) return single_id() == id;
   const Body* b = body();
   if (b->blocks.empty()) return std::binary_search(b->list.begin(), b->list.end(), id);
-  auto it = b->blocks.find(id >> 8);
-  if (it == b->blocks.end()) return false;
+  auto it = find_block(b, id >> 8);
+  if (it == b->blocks.end() || it->first != (id >> 8)) return false;
   return (it->second[(id >> 6) & 3] >> (id & 63)) & 1;
 }
 
@@ -142,7 +167,7 @@ int RowSet::next(int id) const {
   }
   int from = id + 1;
   if (from <= 0) return -1;  // past the largest id
-  auto it = b->blocks.lower_bound(from >> 8);
+  auto it = find_block(b, from >> 8);
   if (it == b->blocks.end()) return -1;
   int bit = it->first == (from >> 8) ? (from & 255) : 0;
   for (;;) {
@@ -166,9 +191,11 @@ int RowSet::prev(int id) const {
     return it == b->list.begin() ? -1 : *std::prev(it);
   }
   int from = id - 1;
-  auto it = b->blocks.upper_bound(from >> 8);
-  if (it == b->blocks.begin()) return -1;
-  --it;
+  auto it = find_block(b, from >> 8);
+  if (it == b->blocks.end() || it->first != (from >> 8)) {
+    if (it == b->blocks.begin()) return -1;
+    --it;
+  }
   int bit = it->first == (from >> 8) ? (from & 255) : 255;
   for (;;) {
     const Bits& bits = it->second;
@@ -212,5 +239,5 @@ int64_t RowSet::memory() const {
   const Body* b = body();
   if (!b) return 0;
   return static_cast<int64_t>(sizeof(Body) + b->list.capacity() * sizeof(int) +
-                              b->blocks.size() * (sizeof(Bits) + 48));
+                              b->blocks.capacity() * sizeof(std::pair<int, Bits>));
 }

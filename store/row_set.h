@@ -9,7 +9,7 @@
 
 #include <array>
 #include <cstdint>
-#include <map>
+#include <utility>
 #include <vector>
 
 class RowSet {
@@ -55,13 +55,17 @@ class RowSet {
     int refs = 1;
     int count = 0;
     std::vector<int> list;         // sorted, while the set is small
-    std::map<int, Bits> blocks;    // afterwards
+    // Afterwards, sorted by block number. A vector rather than a tree: ids mostly arrive
+    // in ascending order, so new blocks go to the end, and lookups stay in one array.
+    std::vector<std::pair<int, Bits>> blocks;
   };
   static constexpr int list_limit = 32;
 
   Body* writable();
   void to_blocks(Body* b);
   void release();
+  static std::vector<std::pair<int, Bits>>::const_iterator find_block(const Body* b, int block);
+  static Bits& block_for(Body* b, int block);
   bool single() const { return rep_ & 1; }
   int single_id() const { return static_cast<int>(rep_ >> 1); }
   Body* body() const { return (rep_ & 1) ? nullptr : reinterpret_cast<Body*>(rep_); }
