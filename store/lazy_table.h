@@ -106,7 +106,8 @@ class LazyTable {
   void rebuild();
   void replay(const String& file, int bucket);
   void reconcile(int row);
-  void put_row(int row);
+  void put_row(int row, bool with_cells = true);
+  void fill_empty_cells(int bucket);
   void enter_row(int row, const String& id, const std::vector<String>& values);
   RowSet search(const String* const* columns, const String* const* values, int n) const;
   void log_no_index(const String* const* columns, const String* const* values, int n) const;

@@ -56,7 +56,11 @@ struct BlockLess {
 
 // The first block whose number is not below `block`.
 std::vector<std::pair<int, RowSet::Bits>>::const_iterator RowSet::find_block(const Body* b, int block) {
-  if (!b->blocks.empty() && b->blocks.back().first < block) return b->blocks.end();
+  if (!b->blocks.empty()) {
+    int top = b->blocks.back().first;
+    if (top < block) return b->blocks.end();
+    if (top == block) return b->blocks.end() - 1;
+  }
   return std::lower_bound(b->blocks.begin(), b->blocks.end(), block, BlockLess());
 }
 
@@ -65,6 +69,7 @@ RowSet::Bits& RowSet::block_for(Body* b, int block) {
     b->blocks.push_back({block, Bits{}});
     return b->blocks.back().second;
   }
+  if (b->blocks.back().first == block) return b->blocks.back().second;
   auto it = std::lower_bound(b->blocks.begin(), b->blocks.end(), block, BlockLess());
   if (it == b->blocks.end() || it->first != block) it = b->blocks.insert(it, {block, Bits{}});
   return it->second;
