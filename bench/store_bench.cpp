@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "core/files.h"
+#include "core/pool.h"
 #include "core/format.h"
 #include "store/journal.h"
 #include "store/lazy_table.h"
@@ -269,10 +270,13 @@ void BM_LazyLoadMillionCdr(benchmark::State& state) {
   std::string dir = bench_root() + "/million";
   write_million_journal(dir);
   int64_t before = resident_bytes();
+  uint64_t taken_before = pool_counters().bytes_taken - pool_counters().bytes_given_back;
   int64_t used = 0;
   for (auto _ : state) {
     auto cdr = make_cdr(dir);
     used = resident_bytes() - before;
+    state.counters["heap_MB"] =
+        static_cast<double>(pool_counters().bytes_taken - pool_counters().bytes_given_back - taken_before) / 1e6;
     benchmark::DoNotOptimize(cdr->row_count());
     state.counters["rows"] = cdr->row_count();
     state.PauseTiming();

@@ -75,6 +75,25 @@ RowSet::Bits& RowSet::block_for(Body* b, int block) {
   return it->second;
 }
 
+// A list costs 4 bytes per id, a bitmap block 36 bytes for up to 256 ids: a sparse set (the
+// rows of one caller among a million records) stays a list. Checked when the list reaches
+// a power of two from list_limit on, so the scan is paid once per doubling.
+bool RowSet::list_too_big(const Body* b) {
+  int n = b->count;
+  if (n < list_limit) return false;
+  if (n >= list_cap) return true;
+  if ((n & (n - 1)) != 0) return false;
+  int blocks = 0;
+  int last = -1;
+  for (int id : b->list) {
+    if ((id >> 8) != last) {
+      blocks++;
+      last = id >> 8;
+    }
+  }
+  return blocks * 36 < n * 4;
+}
+
 void RowSet::to_blocks(Body* b) {
   for (int id : b->list) {
     Bits& bits = block_for(b, id >> 8);
@@ -99,8 +118,12 @@ bool RowSet::add(int id) {
     return true;
   }
   Body* b = writable();
-  if (b->blocks.empty() && b->count < list_limit) {
-    b->list.insert(std::lower_bound(b->list.begin(), b->list.end(), id), id);
+  if (b->blocks.empty() && !list_too_big(b)) {
+    if (b->list.empty() || b->list.back() < id) {
+      b->list.push_back(id);
+    } else {
+      b->list.insert(std::lower_bound(b->list.begin(), b->list.end(), id), id);
+    }
   } else {
     if (!b->list.empty()) to_blocks(b);
     Bits& bits = block_for(b, id >> 8);

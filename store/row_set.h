@@ -59,7 +59,9 @@ class RowSet {
     // in ascending order, so new blocks go to the end, and lookups stay in one array.
     std::vector<std::pair<int, Bits>> blocks;
   };
-  static constexpr int list_limit = 32;
+  static constexpr int list_limit = 64;
+  static constexpr int list_cap = 65536;
+  static bool list_too_big(const Body* b);
 
   Body* writable();
   void to_blocks(Body* b);
