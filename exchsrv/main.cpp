@@ -12,6 +12,10 @@
 #include "core/server.h"
 #include "core/statistics.h"
 #include "core/tick.h"
+#include "core/udp_socket.h"
+#include "sip/interfaces.h"
+#include "sip/listening_ports.h"
+#include "sip/sip_receive.h"
 
 static void write_stderr(const String& text) {
   if (!text.empty()) {
@@ -34,6 +38,10 @@ static void register_subsystems() {
   register_start_step(StartStage::after_store, load_stats_file);
   register_start_step(StartStage::before_threads, ntp_bind);
   register_control_party(ntp_party());
+  register_start_step(StartStage::services, init_ip);
+  set_local_address_lookup(get_ip_adr);
+  register_start_step(StartStage::bind_ports, bind_sip_udp_ports);
+  register_control_party(sip_udp_party());
 }
 
 int main(int argc, char** argv) {
