@@ -206,7 +206,10 @@ bool tcp_send(int number, const String& text) {
 
 void tcp_close(int number) {
   TcpConnection* c = tcp_connection(number);
-  if (c) c->close_requested = true;
+  if (!c) return;
+  c->close_requested = true;
+  // With nothing left to send, the connection goes right after the current handler.
+  if (!c->socket.pending_output()) c->idle.callback(control_queue, 0, callback_argument(idle_expired, number));
 }
 
 void tcp_keep_alive(TcpConnection& c, int seconds) {

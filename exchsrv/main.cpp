@@ -11,11 +11,13 @@
 #include "core/process.h"
 #include "core/server.h"
 #include "core/statistics.h"
+#include "core/tcp_server.h"
 #include "core/tick.h"
 #include "core/udp_socket.h"
 #include "sip/interfaces.h"
 #include "sip/listening_ports.h"
 #include "sip/sip_receive.h"
+#include "sip/sip_tcp.h"
 
 static void write_stderr(const String& text) {
   if (!text.empty()) {
@@ -42,6 +44,10 @@ static void register_subsystems() {
   set_local_address_lookup(get_ip_adr);
   register_start_step(StartStage::bind_ports, bind_sip_udp_ports);
   register_control_party(sip_udp_party());
+  sip_tcp_register();
+  register_start_step(StartStage::bind_ports, bind_sip_tcp_ports);
+  register_control_party(tcp_connection_party());
+  register_control_party(tcp_listener_party());
 }
 
 int main(int argc, char** argv) {
