@@ -92,7 +92,7 @@ TEST(GcmTest, NistDecryptVectorsIncludingTagFailures) {
 
 // McGrew and Viega, "The Galois/Counter Mode of Operation", test cases 1 to 4 and 13, 14:
 // empty plaintext and empty associated data included.
-TEST(GcmTest, SpecificationTestCases) {
+TEST(GcmTest, McGrewViegaTestCases) {
   const struct {
     const char *key, *iv, *plain, *aad, *cipher, *tag;
   } table[] = {
