@@ -1,0 +1,629 @@
+#include "core/json.h"
+
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+
+#include "core/format.h"
+#include "core/log.h"
+
+namespace {
+
+bool is_digit(char c) { return c >= '0' && c <= '9'; }
+
+int hex_value(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  return -1;
+}
+
+bool is_octal(char c) { return c >= '0' && c <= '7'; }
+
+// A code unit as UTF-8; surrogates are written as they come (Part 1.5: pairs are not joined).
+int put_utf8(char* out, unsigned u) {
+  if (u < 0x80) {
+    out[0] = static_cast<char>(u);
+    return 1;
+  }
+  if (u < 0x800) {
+    out[0] = static_cast<char>(0xC0 | (u >> 6));
+    out[1] = static_cast<char>(0x80 | (u & 0x3F));
+    return 2;
+  }
+  out[0] = static_cast<char>(0xE0 | (u >> 12));
+  out[1] = static_cast<char>(0x80 | ((u >> 6) & 0x3F));
+  out[2] = static_cast<char>(0x80 | (u & 0x3F));
+  return 3;
+}
+
+constexpr double exact_powers_of_ten[] = {1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e6,  1e7,
+                                          1e8,  1e9,  1e10, 1e11, 1e12, 1e13, 1e14, 1e15,
+                                          1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
+
+// A number token as Part 1.1's is_float sees it (optional "-", digits with at most one
+// "."), extended by D13 with an exponent: "e" or "E", an optional sign and digits. Gives
+// false for anything else; else the value, as strtod would read it.
+bool read_number(const char* p, int n, double* value) {
+  int i = 0;
+  bool negative = false;
+  if (i < n && p[i] == '-') {
+    negative = true;
+    i++;
+  }
+  uint64_t mantissa = 0;
+  int digits = 0;
+  int significant = 0;
+  int fraction_digits = 0;
+  bool dot = false;
+  for (; i < n; i++) {
+    char c = p[i];
+    if (is_digit(c)) {
+      digits++;
+      if (significant > 0 || c != '0') significant++;
+      if (significant <= 19) mantissa = mantissa * 10 + (c - '0');
+      if (dot) fraction_digits++;
+    } else if (c == '.' && !dot) {
+      dot = true;
+    } else {
+      break;
+    }
+  }
+  if (digits == 0) return false;
+  int exponent = 0;
+  if (i < n && (p[i] == 'e' || p[i] == 'E')) {
+    i++;
+    bool exponent_negative = false;
+    if (i < n && (p[i] == '+' || p[i] == '-')) exponent_negative = p[i++] == '-';
+    int exponent_digits = 0;
+    for (; i < n && is_digit(p[i]); i++) {
+      exponent_digits++;
+      if (exponent < 100000) exponent = exponent * 10 + (p[i] - '0');
+    }
+    if (exponent_digits == 0) return false;
+    if (exponent_negative) exponent = -exponent;
+  }
+  if (i != n) return false;
+
+  // Clinger's fast path: an exact mantissa and an exact power of ten give a correctly
+  // rounded result with one operation, the same as strtod.
+  int scale = exponent - fraction_digits;
+  if (significant <= 15 && scale >= -22 && scale <= 22) {
+    double v = static_cast<double>(mantissa);
+    v = scale >= 0 ? v * exact_powers_of_ten[scale] : v / exact_powers_of_ten[-scale];
+    *value = negative ? -v : v;
+    return true;
+  }
+  char small[128];
+  char* buffer = n < static_cast<int>(sizeof small) ? small : static_cast<char*>(malloc(n + 1));
+  memcpy(buffer, p, n);
+  buffer[n] = 0;
+  *value = strtod(buffer, nullptr);
+  if (buffer != small) free(buffer);
+  return true;
+}
+
+// `line` is one of the three fixed lines of Part 1.5, with %s for the token.
+void log_expect(const char* line, const String& got) {
+  if (!log_enabled(LOG_GENERAL, 5)) return;
+  log_add_message_global(LOG_GENERAL, 5, 0, format(line, got));
+}
+
+}  // namespace
+
+// The tokeniser and the value rules of Part 1.5, pulling one token at a time.
+class JsonReader {
+ public:
+  explicit JsonReader(const String& source)
+      : source_(source), p_(source.c_data()), n_(source.length()) {}
+
+  void read_value(Json& out, int depth);
+
+ private:
+  enum Kind : uint8_t { End, Text, Num, True, False, Nil, Char };
+  struct Token {
+    Kind kind = End;
+    bool escaped = false;
+    int begin = 0;
+    int end = 0;
+  };
+
+  const Token& peek() {
+    if (!have_token_) {
+      token_ = scan();
+      have_token_ = true;
+    }
+    return token_;
+  }
+  void consume() { have_token_ = false; }
+  Token scan();
+  String token_text(const Token& t) const { return source_.substr(t.begin, t.end - t.begin); }
+  String string_value(const Token& t) const;
+  void read_array(Json& out, int depth);
+  void read_object(Json& out, int depth);
+
+  const String& source_;
+  const char* p_;
+  int n_;
+  int pos_ = 0;
+  bool have_token_ = false;
+  bool stop_ = false;
+  Token token_;
+};
+
+JsonReader::Token JsonReader::scan() {
+  Token t;
+  while (pos_ < n_) {
+    char c = p_[pos_];
+    if (c != ' ' && c != '\t' && c != '\n' && c != '\r') break;
+    pos_++;
+  }
+  if (pos_ >= n_) return t;
+  char c = p_[pos_];
+  t.begin = pos_;
+  if (c == '"' || c == '\'') {
+    int j = pos_ + 1;
+    while (j < n_) {
+      char d = p_[j];
+      if (d == c) break;
+      if (d == '\\') {
+        t.escaped = true;
+        j += 2;
+      } else {
+        j++;
+      }
+    }
+    if (j >= n_) {
+      // A string with no end is dropped, with the rest of the text.
+      pos_ = n_;
+      return Token();
+    }
+    t.kind = Text;
+    t.end = pos_ = j + 1;
+    return t;
+  }
+  if (is_digit(c) || c == '-') {
+    int j = pos_ + 1;
+    while (j < n_) {
+      char d = p_[j];
+      if (is_digit(d) || d == '.' || d == 'e' || d == 'E') {
+        j++;
+      } else if ((d == '+' || d == '-') && (p_[j - 1] == 'e' || p_[j - 1] == 'E')) {
+        j++;  // D13: a signed exponent stays in the number
+      } else {
+        break;
+      }
+    }
+    t.kind = Num;
+    t.end = pos_ = j;
+    return t;
+  }
+  // The words are known by their letters alone; what follows them is not looked at.
+  int rest = n_ - pos_;
+  if (c == 't' && rest >= 4 && memcmp(p_ + pos_, "true", 4) == 0) {
+    t.kind = True;
+  } else if (c == 'f' && rest >= 5 && memcmp(p_ + pos_, "false", 5) == 0) {
+    t.kind = False;
+  } else if (c == 'n' && rest >= 4 && memcmp(p_ + pos_, "null", 4) == 0) {
+    t.kind = Nil;
+  } else {
+    t.kind = Char;
+  }
+  t.end = pos_ += t.kind == Char ? 1 : t.kind == False ? 5 : 4;
+  return t;
+}
+
+String JsonReader::string_value(const Token& t) const {
+  int begin = t.begin + 1;
+  int end = t.end - 1;
+  if (!t.escaped) return source_.substr(begin, end - begin);
+  String out;
+  out.reserve(end - begin);
+  const char* p = p_;
+  int run = begin;
+  for (int i = begin; i < end; i++) {
+    if (p[i] != '\\') continue;
+    out.append(p + run, i - run);
+    // The scanner saw to it that a backslash inside the token has a byte behind it.
+    char c = p[++i];
+    char bytes[4];
+    int count = 1;
+    switch (c) {
+      case 'b': bytes[0] = '\b'; break;
+      case 'f': bytes[0] = '\f'; break;
+      case 'n': bytes[0] = '\n'; break;
+      case 'r': bytes[0] = '\r'; break;
+      case 't': bytes[0] = '\t'; break;
+      case 'v': bytes[0] = '\v'; break;
+      case 'x':
+        if (i + 2 < end && hex_value(p[i + 1]) >= 0 && hex_value(p[i + 2]) >= 0) {
+          bytes[0] = static_cast<char>(hex_value(p[i + 1]) * 16 + hex_value(p[i + 2]));
+          i += 2;
+        } else {
+          bytes[0] = c;
+        }
+        break;
+      case 'u':
+        if (i + 4 < end && hex_value(p[i + 1]) >= 0 && hex_value(p[i + 2]) >= 0 &&
+            hex_value(p[i + 3]) >= 0 && hex_value(p[i + 4]) >= 0) {
+          unsigned u = 0;
+          for (int k = 1; k <= 4; k++) u = u * 16 + hex_value(p[i + k]);
+          count = put_utf8(bytes, u);
+          i += 4;
+        } else {
+          bytes[0] = c;
+        }
+        break;
+      default:
+        if (is_octal(c) && i + 2 < end && is_octal(p[i + 1]) && is_octal(p[i + 2])) {
+          bytes[0] = static_cast<char>((c - '0') * 64 + (p[i + 1] - '0') * 8 + (p[i + 2] - '0'));
+          i += 2;
+        } else if (c == '0') {
+          bytes[0] = 0;
+        } else {
+          bytes[0] = c;  // any other backslash drops out: \' \" \\ \/ and the rest
+        }
+        break;
+    }
+    out.append(bytes, count);
+    run = i + 1;
+  }
+  out.append(p + run, end - run);
+  return out;
+}
+
+void JsonReader::read_value(Json& out, int depth) {
+  if (stop_) return;
+  Token t = peek();
+  consume();
+  switch (t.kind) {
+    case Text:
+      out.type_ = Json::Str;
+      out.string_ = string_value(t);
+      return;
+    case Num: {
+      double v;
+      if (read_number(p_ + t.begin, t.end - t.begin, &v)) {
+        out.type_ = Json::Number;
+        out.number_ = v;
+      }
+      return;
+    }
+    case True:
+    case False:
+      out.type_ = Json::Bool;
+      out.number_ = t.kind == True ? 1 : 0;
+      return;
+    case Char:
+      if (p_[t.begin] != '[' && p_[t.begin] != '{') return;
+      if (depth >= Json::max_depth) {
+        stop_ = true;
+        if (log_enabled(LOG_GENERAL, 5)) {
+          log_add_message_global(LOG_GENERAL, 5, 0, "JSON: Nesting deeper than 256 levels");
+        }
+        return;
+      }
+      if (p_[t.begin] == '[') {
+        read_array(out, depth + 1);
+      } else {
+        read_object(out, depth + 1);
+      }
+      return;
+    default:
+      return;
+  }
+}
+
+void JsonReader::read_array(Json& out, int depth) {
+  out.type_ = Json::Array;
+  out.elements_ = std::make_unique<Json::Elements>();
+  bool want_value = true;
+  while (!stop_) {
+    const Token& t = peek();
+    if (t.kind == End) return;
+    if (t.kind == Char && p_[t.begin] == ']') {
+      consume();
+      return;
+    }
+    if (want_value) {
+      out.elements_->emplace_back();
+      read_value(out.elements_->back(), depth);
+      // The container that went too deep leaves no trace.
+      if (stop_ && out.elements_->back().is_null()) out.elements_->pop_back();
+      want_value = false;
+    } else if (t.kind == Char && p_[t.begin] == ',') {
+      consume();
+      want_value = true;
+    } else {
+      // A wrong token ends the container and is left for the one around it.
+      log_expect("JSON: Expect comma but got %s", token_text(t));
+      return;
+    }
+  }
+}
+
+void JsonReader::read_object(Json& out, int depth) {
+  out.type_ = Json::Object;
+  out.members_ = std::make_unique<Json::Members>();
+  enum { Name, Colon, Value, Comma } state = Name;
+  String key;
+  while (!stop_) {
+    const Token& t = peek();
+    if (t.kind == End) return;
+    bool is_char = t.kind == Char;
+    char c = is_char ? p_[t.begin] : 0;
+    switch (state) {
+      case Name:
+        if (c == '}') {
+          consume();
+          return;
+        }
+        if (t.kind != Text) {
+          log_expect("JSON: Expect name but got %s", token_text(t));
+          return;
+        }
+        key = string_value(t);
+        consume();
+        state = Colon;
+        break;
+      case Colon:
+        if (c != ':') {
+          log_expect("JSON: Expect colon but got %s", token_text(t));
+          return;
+        }
+        consume();
+        state = Value;
+        break;
+      case Value: {
+        // A key that comes twice keeps its last value.
+        auto slot = out.members_->try_emplace(key).first;
+        slot->second = Json();
+        read_value(slot->second, depth);
+        if (stop_ && slot->second.is_null()) out.members_->erase(slot);
+        state = Comma;
+        break;
+      }
+      case Comma:
+        if (c == '}') {
+          consume();
+          return;
+        }
+        if (c != ',') {
+          log_expect("JSON: Expect comma but got %s", token_text(t));
+          return;
+        }
+        consume();
+        state = Name;
+        break;
+    }
+  }
+}
+
+Json::Json(const String& text) {
+  JsonReader reader(text);
+  reader.read_value(*this, 0);
+}
+
+Json::Json(Type type) : type_(type) {
+  if (type == Array) elements_ = std::make_unique<Elements>();
+  if (type == Object) members_ = std::make_unique<Members>();
+}
+
+Json Json::number(double value) {
+  Json j(Number);
+  j.number_ = value;
+  return j;
+}
+
+Json Json::string(const String& value) {
+  Json j(Str);
+  j.string_ = value;
+  return j;
+}
+
+Json Json::boolean(bool value) {
+  Json j(Bool);
+  j.number_ = value ? 1 : 0;
+  return j;
+}
+
+Json::Json(const Json& o) : type_(o.type_), number_(o.number_), string_(o.string_) {
+  if (o.elements_) elements_ = std::make_unique<Elements>(*o.elements_);
+  if (o.members_) members_ = std::make_unique<Members>(*o.members_);
+}
+
+Json::Json(Json&& o) noexcept
+    : type_(o.type_),
+      number_(o.number_),
+      string_(std::move(o.string_)),
+      elements_(std::move(o.elements_)),
+      members_(std::move(o.members_)) {
+  o.type_ = Null;
+}
+
+Json& Json::operator=(const Json& o) {
+  if (this != &o) *this = Json(o);
+  return *this;
+}
+
+Json& Json::operator=(Json&& o) noexcept {
+  if (this != &o) {
+    type_ = o.type_;
+    number_ = o.number_;
+    string_ = std::move(o.string_);
+    elements_ = std::move(o.elements_);
+    members_ = std::move(o.members_);
+    o.type_ = Null;
+  }
+  return *this;
+}
+
+const Json& Json::empty() {
+  static const Json value;
+  return value;
+}
+
+const String& Json::as_string() const { return type_ == Str ? string_ : str_empty; }
+
+int64_t json_to_int64(double v) {
+  if (std::isnan(v)) return 0;
+  if (v >= 9223372036854775807.0) return INT64_MAX;
+  if (v <= -9223372036854775808.0) return INT64_MIN;
+  return static_cast<int64_t>(v);
+}
+
+int Json::as_int() const {
+  if (type_ != Number || std::isnan(number_)) return 0;
+  if (number_ >= 2147483647.0) return INT32_MAX;
+  if (number_ <= -2147483648.0) return INT32_MIN;
+  return static_cast<int>(number_);
+}
+
+int64_t Json::as_int64() const { return type_ == Number ? json_to_int64(number_) : 0; }
+
+int Json::size() const {
+  if (type_ == Array) return static_cast<int>(elements_->size());
+  if (type_ == Object) return static_cast<int>(members_->size());
+  return 0;
+}
+
+const Json& Json::operator[](int index) const {
+  if (type_ != Array || index < 0 || index >= static_cast<int>(elements_->size())) return empty();
+  return (*elements_)[index];
+}
+
+const Json& Json::operator[](const String& name) const {
+  if (type_ != Object) return empty();
+  auto it = members_->find(name);
+  return it == members_->end() ? empty() : it->second;
+}
+
+bool Json::has(const String& name) const {
+  return type_ == Object && members_->find(name) != members_->end();
+}
+
+const Json::Members& Json::members() const {
+  static const Members none;
+  return type_ == Object ? *members_ : none;
+}
+
+const Json::Elements& Json::elements() const {
+  static const Elements none;
+  return type_ == Array ? *elements_ : none;
+}
+
+String Json::get_string(const String& name) const { return (*this)[name].as_string(); }
+int Json::get_int(const String& name) const { return (*this)[name].as_int(); }
+int64_t Json::get_int64(const String& name) const { return (*this)[name].as_int64(); }
+bool Json::get_bool(const String& name) const { return (*this)[name].as_bool(); }
+
+const Json& Json::get_object(const String& name) const {
+  const Json& j = (*this)[name];
+  return j.type_ == Object ? j : empty();
+}
+
+const Json& Json::get_array(const String& name) const {
+  const Json& j = (*this)[name];
+  return j.type_ == Array ? j : empty();
+}
+
+Json& Json::set(const String& name, Json value) {
+  if (type_ != Object) *this = Json(Object);
+  (*members_)[name] = std::move(value);
+  return *this;
+}
+
+Json& Json::push(Json value) {
+  if (type_ != Array) *this = Json(Array);
+  elements_->push_back(std::move(value));
+  return *this;
+}
+
+bool Json::remove(const String& name) {
+  return type_ == Object && members_->erase(name) > 0;
+}
+
+namespace {
+
+void append_int64(String& out, int64_t value) {
+  char digits[24];
+  int i = sizeof digits;
+  uint64_t u = value < 0 ? 0 - static_cast<uint64_t>(value) : static_cast<uint64_t>(value);
+  do {
+    digits[--i] = static_cast<char>('0' + u % 10);
+    u /= 10;
+  } while (u);
+  if (value < 0) digits[--i] = '-';
+  out.append(digits + i, static_cast<int>(sizeof digits) - i);
+}
+
+}  // namespace
+
+void Json::append_to(String& out) const {
+  switch (type_) {
+    case Null:
+      out.append("null", 4);
+      break;
+    case Number:
+      append_int64(out, json_to_int64(number_));
+      break;
+    case Str:
+      append_json_quoted(out, string_);
+      break;
+    case Bool:
+      if (number_ != 0) {
+        out.append("true", 4);
+      } else {
+        out.append("false", 5);
+      }
+      break;
+    case Array: {
+      out.append('[');
+      bool first = true;
+      for (const Json& e : *elements_) {
+        if (!first) out.append(',');
+        first = false;
+        e.append_to(out);
+      }
+      out.append(']');
+      break;
+    }
+    case Object: {
+      out.append('{');
+      bool first = true;
+      for (const auto& [key, value] : *members_) {
+        if (!first) out.append(',');
+        first = false;
+        append_json_quoted(out, key);
+        out.append(':');
+        value.append_to(out);
+      }
+      out.append('}');
+      break;
+    }
+  }
+}
+
+String Json::to_string() const {
+  String out;
+  append_to(out);
+  return out;
+}
+
+bool Json::operator==(const Json& o) const {
+  if (type_ != o.type_) return false;
+  switch (type_) {
+    case Null:
+      return true;
+    case Number:
+    case Bool:
+      return number_ == o.number_;
+    case Str:
+      return string_ == o.string_;
+    case Array:
+      return *elements_ == *o.elements_;
+    case Object:
+      return *members_ == *o.members_;
+  }
+  return false;
+}
