@@ -3,6 +3,7 @@
 #include "core/command_line.h"
 #include "core/location_scope.h"
 #include "core/ntp.h"
+#include "core/statistics.h"
 #include "core/tick.h"
 #include "core/udp_socket.h"
 
@@ -21,6 +22,7 @@ void answer(UdpSocket& s, PollSet& set) {
   String request;
   Address from;
   if (!s.receive(request, from)) return;
+  usage_add(String("ntp"));
   String reply = ntp_reply(request, WallTime::now().ms, from.adr);
   if (!reply.empty()) s.send_to(reply, from);
 }

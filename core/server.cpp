@@ -21,6 +21,7 @@
 #include "core/log.h"
 #include "core/mutex.h"
 #include "core/posting.h"
+#include "core/statistics.h"
 #include "core/wakeup.h"
 
 namespace {
@@ -217,10 +218,6 @@ void midnight_timer() {
   int64_t seconds = (16 - local.tm_min % 15) * 60 - local.tm_sec;
   if (seconds < 60) seconds = 60;
   midnight.callback(control_queue, seconds * 1000, callback_argument(midnight_timer));
-}
-
-void performance_probe() {
-  probe.callback(control_queue, 3000, callback_argument(performance_probe));
 }
 
 }  // namespace

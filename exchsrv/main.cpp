@@ -10,7 +10,12 @@
 #include "core/ntp_server.h"
 #include "core/process.h"
 #include "core/server.h"
+#include "core/statistics.h"
 #include "core/tick.h"
+#include "core/udp_socket.h"
+#include "sip/interfaces.h"
+#include "sip/listening_ports.h"
+#include "sip/sip_receive.h"
 
 static void write_stderr(const String& text) {
   if (!text.empty()) {
@@ -30,8 +35,13 @@ static void apply_log_override() {
 
 static void register_subsystems() {
   register_start_step(StartStage::apply_overrides, apply_log_override);
+  register_start_step(StartStage::after_store, load_stats_file);
   register_start_step(StartStage::before_threads, ntp_bind);
   register_control_party(ntp_party());
+  register_start_step(StartStage::services, init_ip);
+  set_local_address_lookup(get_ip_adr);
+  register_start_step(StartStage::bind_ports, bind_sip_udp_ports);
+  register_control_party(sip_udp_party());
 }
 
 int main(int argc, char** argv) {
@@ -67,6 +77,7 @@ int main(int argc, char** argv) {
   if (took >= 10) log_line(1, format("Starting up took %s seconds", String(static_cast<int>(took))));
   run_start_steps(StartStage::after_store);
   run_start_steps(StartStage::services);
+  log_line(8, format("Scheduler precision is %d us", scheduler_precision()));
   char cwd[1024];
   if (getcwd(cwd, sizeof cwd)) log_line(5, format("Working Directory is %s", cwd));
   run_server();

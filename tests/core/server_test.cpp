@@ -6,6 +6,7 @@
 #include <thread>
 #include <vector>
 
+#include "core/files.h"
 #include "core/mutex.h"
 #include "core/ntp_server.h"
 #include "core/posting.h"
@@ -113,4 +114,33 @@ TEST(ServerTest, NtpRequestGetsAReplyThroughTheLoop) {
   set_setting_reader(nullptr);
   ntp_bind();
   EXPECT_EQ(ntp_port(), 0);
+}
+
+TEST(ServerTest, RebootReasonFromThePreviousRun) {
+  TempDir dir;
+  char old[1024];
+  ASSERT_NE(getcwd(old, sizeof old), nullptr);
+  ASSERT_EQ(chdir(dir.path().c_str()), 0);
+  struct Case {
+    const char* file;
+    const char* reason;
+    const char* location;
+  } cases[] = {
+      {nullptr, "unknown", ""},
+      {"\x01garbage{{", "unknown", ""},
+      {"{\"reason\":\"crash\",\"location\":\"SIP UDP\"}", "crash", "SIP UDP"},
+      {"{\"reason\":\"reboot\"}", "reboot", ""},
+      {"[1,2]", "unknown", ""},
+  };
+  for (const auto& c : cases) {
+    if (c.file) {
+      ASSERT_TRUE(write_file(String(c.file), String("reboot.txt")));
+    }
+    String reason, location;
+    read_reboot_reason(reason, location);
+    EXPECT_EQ(reason, String(c.reason));
+    EXPECT_EQ(location, String(c.location));
+    EXPECT_EQ(file_size(String("reboot.txt")), -1);  // read once, then gone
+  }
+  ASSERT_EQ(chdir(old), 0);
 }
