@@ -1,0 +1,225 @@
+#include "sip/message_text.h"
+
+#include <arpa/inet.h>
+
+#include <cstring>
+#include <mutex>
+#include <utility>
+#include <vector>
+
+#include "core/format.h"
+#include "core/log.h"
+#include "sip/sip_hooks.h"
+#include "sip/sip_message.h"
+
+namespace {
+
+const String setting_replacement_list("ip_replacement_list");
+const String setting_bind4("port_bind4");
+const String setting_bind6("port_bind6");
+
+// The canonical text of an address literal, or empty text if it is none.
+String canonical_ip(const String& text, bool* ipv6 = nullptr) {
+  if (text.empty() || text.length() > 60) return String();
+  char buf[64];
+  memcpy(buf, text.c_data(), static_cast<size_t>(text.length()));
+  buf[text.length()] = 0;
+  unsigned char bytes[16];
+  char out[INET6_ADDRSTRLEN];
+  if (inet_pton(AF_INET, buf, bytes) == 1) {
+    if (ipv6) *ipv6 = false;
+    return String(inet_ntop(AF_INET, bytes, out, sizeof out));
+  }
+  if (inet_pton(AF_INET6, buf, bytes) == 1) {
+    if (ipv6) *ipv6 = true;
+    return String(inet_ntop(AF_INET6, bytes, out, sizeof out));
+  }
+  return String();
+}
+
+struct ReplacementMap {
+  std::once_flag once;
+  std::vector<std::pair<String, String>> entries;
+};
+
+ReplacementMap* replacement_map = new ReplacementMap;
+
+const std::vector<std::pair<String, String>>& replacements() {
+  ReplacementMap* m = replacement_map;
+  std::call_once(m->once, [m] {
+    String list = sip_setting(setting_replacement_list);
+    for (const String& item : list.split(' ')) {
+      int slash = item.find('/');
+      if (slash < 0) continue;
+      String from = canonical_ip(item.head(slash));
+      String to = item.tail(slash + 1);
+      if (from.empty() || to.empty()) continue;
+      m->entries.emplace_back(from, to);
+      if (log_enabled(LOG_SIP, 1))
+        log_add_message_global(LOG_SIP, 1, 0,
+                               format("SIP IP address representation: %s -> %s", from, to));
+    }
+  });
+  return m->entries;
+}
+
+String mapped(const String& ip) {
+  const auto& map = replacements();
+  if (map.empty()) return ip;
+  String canon = canonical_ip(ip);
+  for (const auto& e : map)
+    if (e.first == canon) return e.second;
+  return ip;
+}
+
+// The bind address of a setting if it is a valid address of that family and not the
+// any-address; else empty text.
+String bind_address(const String& setting, bool ipv6) {
+  bool is6 = false;
+  String canon = canonical_ip(sip_setting(setting).trim(), &is6);
+  if (canon.empty() || is6 != ipv6) return String();
+  if (canon == "0.0.0.0" || canon == "::") return String();
+  return canon;
+}
+
+struct Placeholder {
+  const char* text;
+  int length;
+  int kind;
+};
+
+constexpr Placeholder placeholders[] = {
+    {"{x-pre-trans}", 13, 0}, {"{x-pre-adr}", 11, 1},   {"{x-pre-port}", 12, 2},
+    {"{x-pre-alias}", 13, 3}, {"{x-pre-adrs}", 12, 4},  {"{x-pre-lport}", 13, 5},
+    {"{x-pre-cport}", 13, 6}, {"{x-pre-ipv}", 11, 7},
+};
+
+void append_value(String& out, int kind, const LocalEnd& a, const String& media_port,
+                  const String& transport) {
+  switch (kind) {
+    case 0:
+      out.append(transport);
+      break;
+    case 1: {
+      String ip = mapped(a.ip);
+      if (ip.contains(':')) {
+        out.append('[');
+        out.append(ip);
+        out.append(']');
+      } else {
+        out.append(ip);
+      }
+      break;
+    }
+    case 2:
+      out.append(String(a.port));
+      break;
+    case 3:
+      if (transport == "tls") out.append(";alias");
+      break;
+    case 4: {
+      String bind = bind_address(a.ipv6 ? setting_bind6 : setting_bind4, a.ipv6);
+      out.append(mapped(bind.empty() ? a.ip : bind));
+      break;
+    }
+    case 5:
+      out.append(media_port);
+      break;
+    case 6:
+      if (!media_port.empty()) out.append(String(media_port.to_int() + 1));
+      break;
+    case 7:
+      out.append(a.ipv6 ? "IP6" : "IP4");
+      break;
+  }
+}
+
+}  // namespace
+
+LocalEnd parse_local_end(const String& text) {
+  LocalEnd end;
+  String t = text.trim();
+  if (t.starts_with("[")) {
+    int close = t.find(']');
+    if (close < 0) return end;
+    end.ip = t.substr(1, close - 1);
+    if (t.substr(close + 1, 1) == ":") end.port = t.tail(close + 2).to_int();
+  } else if (t.find(':') >= 0 && t.find(':') == t.find_last(':')) {
+    end.ip = t.head(t.find(':'));
+    end.port = t.tail(t.find(':') + 1).to_int();
+  } else {
+    end.ip = t;
+  }
+  end.ipv6 = end.ip.contains(':');
+  return end;
+}
+
+String insert_replacement(const String& text, const LocalEnd& address, const String& media_port,
+                          const String& transport) {
+  int first = text.find('{');
+  if (first < 0) return text;
+  const char* p = text.c_data();
+  int n = text.length();
+  String out;
+  out.reserve(n + 64);
+  int run = 0;
+  for (int i = first; i < n; i++) {
+    if (p[i] != '{') continue;
+    for (const Placeholder& ph : placeholders) {
+      if (n - i < ph.length || memcmp(p + i, ph.text, static_cast<size_t>(ph.length)) != 0)
+        continue;
+      out.append(p + run, i - run);
+      append_value(out, ph.kind, address, media_port, transport);
+      i += ph.length - 1;
+      run = i + 1;
+      break;
+    }
+  }
+  out.append(p + run, n - run);
+  return out;
+}
+
+String message_text(const TaggedText& message, const LocalEnd& address, const String& media_port,
+                    const String& transport, String* cseq_method) {
+  TaggedText records(message.text());
+  String out;
+  String length_name;
+  String body;
+  int tag = 0;
+  String value;
+  while (records.next(tag, value)) {
+    switch (tag) {
+      case sip_record_start:
+        out = insert_replacement(value, address, media_port, transport);
+        break;
+      case sip_record_filled:
+        out.append(insert_replacement(value, address, media_port, transport));
+        break;
+      case sip_record_copied:
+        out.append(value);
+        break;
+      case sip_record_length_name:
+        length_name = value;
+        break;
+      case sip_record_body:
+        body = media_port.empty() ? value : insert_replacement(value, address, media_port, transport);
+        break;
+      case sip_record_cseq_method:
+        if (cseq_method) *cseq_method = value;
+        break;
+    }
+  }
+  if (!length_name.empty()) {
+    out.append(length_name);
+    out.append(": ");
+    out.append(String(body.length()));
+    out.append("\r\n\r\n");
+    out.append(body);
+  }
+  return out;
+}
+
+void reset_ip_replacement_map() {
+  // The old map is left behind on purpose: a sender on another thread may still read it.
+  replacement_map = new ReplacementMap;
+}

@@ -1,0 +1,424 @@
+#include "sip/sip_message.h"
+
+#include <cstdint>
+
+#include "sip/sip_names.h"
+
+namespace {
+
+bool is_blank(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
+bool is_digit(char c) { return c >= '0' && c <= '9'; }
+
+// Offsets of the text of `s` between `b` and `e` without the blanks " \t\r\n" around it.
+void trim_span(const char* p, int& b, int& e) {
+  while (b < e && is_blank(p[b])) b++;
+  while (e > b && is_blank(p[e - 1])) e--;
+}
+
+// Leading blanks, then an optional sign, then digits up to the first other byte.
+// Saturates instead of wrapping.
+int64_t leading_decimal(const String& s, bool allow_minus) {
+  const char* p = s.c_data();
+  int n = s.length();
+  int i = 0;
+  while (i < n && (p[i] == ' ' || p[i] == '\t')) i++;
+  bool neg = false;
+  if (i < n && (p[i] == '+' || (allow_minus && p[i] == '-'))) {
+    neg = p[i] == '-';
+    i++;
+  }
+  int64_t v = 0;
+  for (; i < n && is_digit(p[i]); i++) {
+    v = v * 10 + (p[i] - '0');
+    if (v > 0xffffffffLL) v = 0xffffffffLL;
+  }
+  return neg ? -v : v;
+}
+
+int32_t clamp_int(int64_t v) {
+  if (v > INT32_MAX) return INT32_MAX;
+  if (v < INT32_MIN) return INT32_MIN;
+  return static_cast<int32_t>(v);
+}
+
+// The n-th word of `s` (from 0), words separated by runs of blanks and tabs; with `rest`
+// everything from that word on, trimmed.
+String word_of(const String& s, int n, bool rest = false) {
+  const char* p = s.c_data();
+  int len = s.length();
+  int i = 0;
+  for (int k = 0;; k++) {
+    while (i < len && (p[i] == ' ' || p[i] == '\t')) i++;
+    if (i >= len) return String();
+    int start = i;
+    while (i < len && p[i] != ' ' && p[i] != '\t') i++;
+    if (k == n) {
+      if (!rest) return s.substr(start, i - start);
+      int e = len;
+      trim_span(p, start, e);
+      return s.substr(start, e - start);
+    }
+  }
+}
+
+// Splits a list of name-addrs at commas outside quotes and angle brackets.
+template <class List>
+void split_nameaddr_list(const String& value, List& out, int& budget) {
+  const char* p = value.c_data();
+  int n = value.length();
+  bool quoted = false;
+  bool angle = false;
+  int cut = 0;
+  for (int i = 0; i <= n; i++) {
+    if (i < n) {
+      char c = p[i];
+      if (quoted) {
+        if (c == '\\' && i + 1 < n) i++;
+        else if (c == '"') quoted = false;
+        continue;
+      }
+      if (c == '"') quoted = true;
+      else if (c == '<') angle = true;
+      else if (c == '>') angle = false;
+      if (c != ',' || angle) continue;
+    }
+    int b = cut;
+    int e = i;
+    trim_span(p, b, e);
+    if (e > b) {
+      if (budget <= 0) return;
+      budget--;
+      out.emplace_back(value.substr(b, e - b));
+    }
+    cut = i + 1;
+  }
+}
+
+void split_via(const String& value, SmallList<String, 4>& out, int& budget) {
+  const char* p = value.c_data();
+  int n = value.length();
+  bool quoted = false;
+  int cut = 0;
+  for (int i = 0; i <= n; i++) {
+    if (i < n) {
+      char c = p[i];
+      if (quoted) {
+        if (c == '\\' && i + 1 < n) i++;
+        else if (c == '"') quoted = false;
+        continue;
+      }
+      if (c == '"') quoted = true;
+      if (c != ',') continue;
+    }
+    int b = cut;
+    int e = i;
+    trim_span(p, b, e);
+    if (e <= b || budget <= 0) return;
+    budget--;
+    out.emplace_back(value.substr(b, e - b));
+    cut = i + 1;
+  }
+}
+
+// Splits at commas outside double quotes, trimmed, empties left out.
+void split_commas(const String& value, std::vector<String>& out) {
+  const char* p = value.c_data();
+  int n = value.length();
+  bool quoted = false;
+  int cut = 0;
+  for (int i = 0; i <= n; i++) {
+    if (i < n) {
+      char c = p[i];
+      if (quoted) {
+        if (c == '\\' && i + 1 < n) i++;
+        else if (c == '"') quoted = false;
+        continue;
+      }
+      if (c == '"') quoted = true;
+      if (c != ',') continue;
+    }
+    int b = cut;
+    int e = i;
+    trim_span(p, b, e);
+    if (e > b) out.push_back(value.substr(b, e - b));
+    cut = i + 1;
+  }
+}
+
+}  // namespace
+
+SipMessage::SipMessage(const String& text) : raw(text) { parse(); }
+
+SipMessage::SipMessage(const String& method_, const NameAddr& from_, const NameAddr& to_,
+                       const String& call_id_, const String& cseq_method_)
+    : is_request(true),
+      method(method_),
+      from(from_),
+      to(to_),
+      call_id(call_id_),
+      cseq_method(cseq_method_.empty() ? method_ : cseq_method_) {}
+
+SipMessage::SipMessage(int status_, const String& reason_, const SipMessage& request)
+    : is_request(false),
+      socket_key(request.socket_key),
+      method(sip_version),
+      status(status_),
+      reason(reason_),
+      from(request.from),
+      to(request.to),
+      call_id(request.call_id),
+      cseq(request.cseq),
+      cseq_method(request.cseq_method),
+      max_forwards(0),
+      web_client(request.web_client),
+      port_index(request.port_index),
+      domain_id(request.domain_id),
+      domain_known(request.domain_known),
+      via(request.via),
+      record_route(request.record_route),
+      path(request.path),
+      history_info(request.history_info) {}
+
+void SipMessage::parse() {
+  const char* p = raw.c_data();
+  int n = raw.length();
+  auto line_end = [p, n](int pos, int& next) {
+    int i = pos;
+    while (i < n && p[i] != '\r' && p[i] != '\n') i++;
+    next = i;
+    if (i < n) next = (p[i] == '\r' && i + 1 < n && p[i + 1] == '\n') ? i + 2 : i + 1;
+    return i;
+  };
+
+  int next = 0;
+  int first_end = line_end(0, next);
+  String first = raw.head(first_end);
+  method = word_of(first, 0);
+  is_request = method != sip_version;
+  if (is_request) {
+    request_uri.assign(word_of(first, 1));
+    version = word_of(first, 2);
+  } else {
+    status = clamp_int(leading_decimal(word_of(first, 1), true));
+    reason = word_of(first, 2, true);
+  }
+
+  int64_t content_length = -1;
+  int fields = 0;
+  int open_b = -1;  // the header being read: a slice of raw, or `folded` once continued
+  int open_e = -1;
+  String folded;
+  bool is_folded = false;
+  auto close = [&]() {
+    if (open_b < 0) return;
+    const char* h = p;
+    int b = open_b;
+    int e = open_e;
+    const String* src = &raw;
+    if (is_folded) {
+      src = &folded;
+      h = folded.c_data();
+      b = 0;
+      e = folded.length();
+    }
+    open_b = -1;
+    is_folded = false;
+    int colon = b;
+    while (colon < e && h[colon] != ':') colon++;
+    if (colon >= e || ++fields > sip_max_header_fields) return;
+    int nb = b;
+    int ne = colon;
+    trim_span(h, nb, ne);
+    int vb = colon + 1;
+    int ve = e;
+    trim_span(h, vb, ve);
+    SipHeader id = sip_header_of(h + nb, ne - nb);
+    if (id == SipHeader::content_length) {
+      content_length = leading_decimal(src->substr(vb, ve - vb), true);
+      return;
+    }
+    if (ne <= nb) return;
+    String value = src->substr(vb, ve - vb);
+    if (id == SipHeader::other) {
+      headers.push_back(SipParam{src->substr(nb, ne - nb), value});
+      return;
+    }
+    add_header(src->substr(nb, ne - nb), value);
+  };
+
+  int pos = next;
+  int body_start = n;
+  while (pos < n) {
+    int e = line_end(pos, next);
+    if (e == pos) {
+      body_start = next;
+      break;
+    }
+    if ((p[pos] == ' ' || p[pos] == '\t') && open_b >= 0) {
+      int b = pos;
+      while (b < e && (p[b] == ' ' || p[b] == '\t')) b++;
+      if (!is_folded) {
+        folded = raw.substr(open_b, open_e - open_b);
+        is_folded = true;
+      }
+      if (folded.length() + (e - b) <= sip_max_header_length) folded.append(p + b, e - b);
+    } else {
+      close();
+      open_b = pos;
+      open_e = e;
+    }
+    pos = next;
+  }
+  close();
+
+  if (content_length < 1) {
+    parts.clear();
+    return;
+  }
+  int available = n - body_start;
+  body = raw.substr(body_start, content_length < available ? static_cast<int>(content_length) : available);
+  read_body_parts(body, content_type, boundary, parts);
+}
+
+void SipMessage::add_header(const String& name, const String& value) {
+  if (name.empty()) return;
+  switch (sip_header_of(name)) {
+    case SipHeader::from:
+      from.assign(value);
+      break;
+    case SipHeader::to:
+      to.assign(value);
+      break;
+    case SipHeader::call_id:
+      call_id = value;
+      break;
+    case SipHeader::cseq:
+      cseq = static_cast<uint32_t>(leading_decimal(value, false));
+      cseq_method = word_of(value, 1);
+      break;
+    case SipHeader::content_type:
+      content_type = value;
+      break;
+    case SipHeader::content_length:
+      // Computed when the text is sent.
+      break;
+    case SipHeader::expires:
+      expires = value;
+      break;
+    case SipHeader::route:
+      split_nameaddr_list(value, route, list_budget_);
+      break;
+    case SipHeader::record_route:
+      split_nameaddr_list(value, record_route, list_budget_);
+      break;
+    case SipHeader::path:
+      split_nameaddr_list(value, path, list_budget_);
+      break;
+    case SipHeader::history_info:
+      split_nameaddr_list(value, history_info, list_budget_);
+      break;
+    case SipHeader::contact:
+      split_nameaddr_list(value, contact, list_budget_);
+      break;
+    case SipHeader::via:
+      split_via(value, via, list_budget_);
+      break;
+    case SipHeader::max_forwards:
+      max_forwards = clamp_int(leading_decimal(value, true));
+      break;
+    case SipHeader::other:
+      if (headers.size() < sip_max_header_fields) headers.push_back(SipParam{name, value});
+      break;
+  }
+}
+
+void SipMessage::add_header_line(const String& text) {
+  int colon = text.find(':');
+  if (colon < 0) return;
+  add_header(text.head(colon).trim(), text.tail(colon + 1).trim());
+}
+
+namespace {
+
+bool name_matches(const String& have, const String& name, const String& compact) {
+  return have.equals_nocase(name) || (!compact.empty() && have.equals_nocase(compact));
+}
+
+}  // namespace
+
+String SipMessage::header(const String& name, const String& compact) const {
+  for (const SipParam& h : headers)
+    if (name_matches(h.name, name, compact)) return h.value;
+  return String();
+}
+
+String SipMessage::header_text(const String& name) const {
+  switch (sip_header_of(name)) {
+    case SipHeader::from: return from.text();
+    case SipHeader::to: return to.text();
+    case SipHeader::call_id: return call_id;
+    case SipHeader::cseq: {
+      String out(cseq);
+      out.append(' ');
+      out.append(cseq_method);
+      return out;
+    }
+    case SipHeader::content_type: return content_type;
+    case SipHeader::expires: return expires;
+    case SipHeader::max_forwards: return String(max_forwards);
+    case SipHeader::content_length:
+    case SipHeader::contact:
+    case SipHeader::route:
+    case SipHeader::record_route:
+    case SipHeader::via: return String();
+    default: return header(name);
+  }
+}
+
+std::vector<String> SipMessage::header_values(const String& name) const {
+  std::vector<String> out;
+  auto each = [&out](const auto& list) {
+    for (const auto& a : list) out.push_back(a.text());
+  };
+  switch (sip_header_of(name)) {
+    case SipHeader::from:
+    case SipHeader::to:
+    case SipHeader::call_id:
+    case SipHeader::cseq:
+    case SipHeader::content_type:
+    case SipHeader::expires:
+    case SipHeader::max_forwards:
+      out.push_back(header_text(name));
+      return out;
+    case SipHeader::content_length:
+      out.push_back(String());
+      return out;
+    case SipHeader::contact: each(contact); return out;
+    case SipHeader::route: each(route); return out;
+    case SipHeader::record_route: each(record_route); return out;
+    case SipHeader::path: each(path); return out;
+    case SipHeader::history_info: each(history_info); return out;
+    case SipHeader::via:
+      for (const String& v : via) out.push_back(v);
+      return out;
+    case SipHeader::other: break;
+  }
+  // Credentials carry commas between their own parameters.
+  bool whole = name.equals_nocase(hdr_authorization) || name.equals_nocase(hdr_proxy_authorization);
+  for (const SipParam& h : headers) {
+    if (!h.name.equals_nocase(name)) continue;
+    if (whole) out.push_back(h.value);
+    else split_commas(h.value, out);
+  }
+  return out;
+}
+
+void SipMessage::remove_header(const String& name, const String& compact) {
+  headers.erase_if([&](const SipParam& h) { return name_matches(h.name, name, compact); });
+}
+
+void SipMessage::set_header(const String& name, const String& compact,
+                            const std::vector<String>& values) {
+  remove_header(name, compact);
+  for (const String& v : values) headers.push_back(SipParam{name, v});
+}
