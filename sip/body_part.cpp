@@ -97,7 +97,11 @@ void read_body_parts(const String& body, const String& content_type, String& bou
   while (static_cast<int>(parts.size()) < max_body_parts) {
     int d = body.find(delimiter, pos);
     if (d < 0) break;
-    if (d > pos) read_piece(body.substr(pos, d - pos), parts);
+    // The line end before a delimiter belongs to the delimiter, so that a body read and
+    // written again keeps its length.
+    int end = d;
+    if (end - pos >= 2 && body.substr(end - 2, 2) == str_crlf) end -= 2;
+    if (end > pos) read_piece(body.substr(pos, end - pos), parts);
     int after = d + delimiter.length();
     if (body.substr(after, 2) == "--") break;
     if (body.substr(after, 2) == str_crlf) after += 2;

@@ -25,7 +25,7 @@ enum SipRecord : int {
 };
 
 // Bounds that keep a hostile message from costing unbounded time or memory.
-constexpr int sip_max_header_fields = 1000;
+constexpr int sip_max_header_fields = 2000;
 constexpr int sip_max_list_items = 1000;
 constexpr int sip_max_header_length = 65536;
 
