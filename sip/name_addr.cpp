@@ -1,9 +1,18 @@
 #include "sip/name_addr.h"
 
 #include "sip/internal/char_class.h"
+#include "sip/internal/slice.h"
 
 void NameAddr::assign(const String& text) {
   raw_ = text;
+  unparsed_ = true;
+  dirty_ = false;
+  angle_form_ = false;
+  display_quoted_ = true;
+}
+
+void NameAddr::assign_slice(const String& src, int pos, int length) {
+  set_slice(raw_, src, pos, length);
   unparsed_ = true;
   dirty_ = false;
   angle_form_ = false;
@@ -14,44 +23,50 @@ namespace {
 
 const String tag_name("tag");
 
-bool is_blank(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
-
-void close_param(const String& name, const String& value, String& tag, ParamList& params) {
-  if (name.equals_nocase(tag_name)) tag = value;
-  else params.push_back(SipParam{name, value});
+// Closes a parameter from spans of `text`; a quoted value with escapes is unescaped.
+void close_param(const String& text, const char* p, int nb, int ne, int vb, int ve, bool escaped,
+                 String& tag, ParamList& params) {
+  if (span_equals_nocase(p + nb, ne - nb, tag_name)) {
+    if (escaped) tag = unescape_quoted(text.substr(vb, ve - vb));
+    else set_slice(tag, text, vb, ve - vb);
+    return;
+  }
+  SipParam& prm = params.emplace_back();
+  set_slice(prm.name, text, nb, ne - nb);
+  if (escaped) prm.value = unescape_quoted(text.substr(vb, ve - vb));
+  else set_slice(prm.value, text, vb, ve - vb);
 }
 
 }  // namespace
 
-void read_nameaddr_params(const String& text, String& tag, ParamList& params) {
+void read_nameaddr_params(const String& text, int from, int to, String& tag, ParamList& params) {
   const char* p = text.c_data();
-  int n = text.length();
+  int n = to;
   int state = 0;
-  int name_start = 0;
-  String name;
-  int value_start = 0;
-  bool escaped = false;  // a quoted value held a backslash
-  auto quoted_value = [&](int end) {
-    String v = text.substr(value_start, end - value_start);
-    return escaped ? unescape_quoted(v) : v;
-  };
-  for (int i = 0; i < n; i++) {
+  int nb = 0;  // the name
+  int ne = 0;
+  int vb = 0;  // the value
+  bool escaped = false;
+  auto close = [&](int value_end) { close_param(text, p, nb, ne, vb, value_end, escaped, tag, params); };
+  for (int i = from; i < n; i++) {
     char c = p[i];
     bool token = sip_char_in(c, cc_token);
     switch (state) {
       case 0:
         if (token) {
-          name_start = i;
+          nb = i;
           state = 1;
         }
         break;
       case 1:
         if (token) break;
-        name = text.substr(name_start, i - name_start);
+        ne = i;
+        vb = i;
+        escaped = false;
         if (c == '=') {
           state = 3;
         } else if (c == ';') {
-          close_param(name, String(), tag, params);
+          close(i);
           state = 0;
         } else {
           state = 2;
@@ -61,32 +76,34 @@ void read_nameaddr_params(const String& text, String& tag, ParamList& params) {
         if (c == '=') {
           state = 3;
         } else if (c == ';') {
-          close_param(name, String(), tag, params);
+          vb = i;
+          close(i);
           state = 0;
         }
         break;
       case 3:
-        if (is_blank(c)) break;
+        if (sip_blank(c)) break;
         if (c == '"') {
-          value_start = i + 1;
-          escaped = false;
+          vb = i + 1;
           state = 5;
         } else if (c == ';') {
-          close_param(name, String(), tag, params);
+          // Nothing behind "=": the value is empty and the next parameter starts.
+          vb = i;
+          close(i);
           state = 0;
         } else {
-          value_start = i;
+          vb = i;
           state = 4;
         }
         break;
       case 4:
         if (token) break;
-        close_param(name, text.substr(value_start, i - value_start), tag, params);
+        close(i);
         state = c == ';' ? 0 : 7;
         break;
       case 5:
         if (c == '"') {
-          close_param(name, quoted_value(i), tag, params);
+          close(i);
           state = 7;
         } else if (c == '\\') {
           escaped = true;
@@ -103,18 +120,19 @@ void read_nameaddr_params(const String& text, String& tag, ParamList& params) {
   }
   switch (state) {
     case 1:
-      close_param(text.substr(name_start, n - name_start), String(), tag, params);
+      ne = n;
+      vb = n;
+      close(n);
       break;
     case 2:
     case 3:
-      close_param(name, String(), tag, params);
+      vb = n;
+      close(n);
       break;
     case 4:
-      close_param(name, text.substr(value_start, n - value_start), tag, params);
-      break;
     case 5:
     case 6:
-      close_param(name, quoted_value(n), tag, params);
+      close(n);
       break;
   }
 }
@@ -127,14 +145,16 @@ void NameAddr::parse() const {
   params_.clear();
   angle_form_ = false;
   display_quoted_ = true;
-  String t = raw_.trim();
-  if (t.empty()) return;
-
+  const String& t = raw_;
   const char* p = t.c_data();
+  int b = 0;
   int n = t.length();
-  String rest;
-  if (p[0] == '"') {
-    int i = 1;
+  trim_span(p, b, n);
+  if (b >= n) return;
+
+  int rest = b;
+  if (p[b] == '"') {
+    int i = b + 1;
     bool escaped = false;
     while (i < n && p[i] != '"') {
       if (p[i] == '\\') {
@@ -144,43 +164,47 @@ void NameAddr::parse() const {
       i++;
     }
     if (i > n) i = n;
-    String d = t.substr(1, i - 1);
-    display_ = escaped ? unescape_quoted(d) : d;
+    if (escaped) display_ = unescape_quoted(t.substr(b + 1, i - b - 1));
+    else set_slice(display_, t, b + 1, i - b - 1);
     display_quoted_ = true;
     angle_form_ = true;
-    rest = t.tail(i + 1).trim();
+    rest = i + 1 < n ? i + 1 : n;
+    int e = n;
+    trim_span(p, rest, e);
   } else {
     display_quoted_ = false;
-    int lt = t.find('<');
-    if (lt >= 0) {
-      display_ = t.head(lt).trim();
-      rest = t.tail(lt);
+    int lt = b;
+    while (lt < n && p[lt] != '<') lt++;
+    if (lt < n) {
+      int de = lt;
+      trim_span(p, b, de);
+      set_slice(display_, t, b, de - b);
+      rest = lt;
       angle_form_ = true;
-    } else {
-      rest = t;
     }
   }
 
-  String param_text;
-  if (!rest.empty() && rest[0] == '<') {
-    int gt = rest.find('>', 1);
-    if (gt < 0) {
-      uri_.assign(rest.tail(1).trim());
-    } else {
-      uri_.assign(rest.substr(1, gt - 1).trim());
-      param_text = rest.tail(gt + 1).trim();
-      if (!param_text.empty() && param_text[0] == ';') param_text = param_text.tail(1);
+  int pb = n;  // parameter text
+  if (rest < n && p[rest] == '<') {
+    int gt = rest + 1;
+    while (gt < n && p[gt] != '>') gt++;
+    int ub = rest + 1;
+    int ue = gt;
+    trim_span(p, ub, ue);
+    uri_.assign_slice(t, ub, ue - ub);
+    if (gt < n) {
+      pb = gt + 1;
+      int pe = n;
+      trim_span(p, pb, pe);
+      if (pb < n && p[pb] == ';') pb++;
     }
   } else {
-    int semi = rest.find(';', 1);
-    if (semi < 0) {
-      uri_.assign(rest);
-    } else {
-      uri_.assign(rest.head(semi));
-      param_text = rest.tail(semi + 1);
-    }
+    int semi = rest + 1;
+    while (semi < n && p[semi] != ';') semi++;
+    uri_.assign_slice(t, rest, (semi < n ? semi : n) - rest);
+    if (semi < n) pb = semi + 1;
   }
-  if (!param_text.empty()) read_nameaddr_params(param_text, tag_, params_);
+  if (pb < n) read_nameaddr_params(t, pb, n, tag_, params_);
 }
 
 namespace {

@@ -12,6 +12,8 @@ class NameAddr {
   explicit NameAddr(const String& text) { assign(text); }
 
   void assign(const String& text);
+  // The same with `length` bytes of `src` from `pos`, made in place.
+  void assign_slice(const String& src, int pos, int length);
   NameAddr& operator=(const String& text) {
     assign(text);
     return *this;
@@ -74,5 +76,6 @@ String nameaddr_param(const NameAddr& a, const String& name);
 // The name "tag" (ignoring case) sets the tag instead of a parameter.
 void nameaddr_set_param(NameAddr& a, const String& name, const String& value);
 
-// Reads ";name=value" parameters of a name-addr; "tag" goes to `tag`, the rest to `params`.
-void read_nameaddr_params(const String& text, String& tag, ParamList& params);
+// Reads ";name=value" parameters of a name-addr from bytes [from, to) of `text`; "tag"
+// goes to `tag`, the rest to `params`.
+void read_nameaddr_params(const String& text, int from, int to, String& tag, ParamList& params);

@@ -2,26 +2,18 @@
 
 #include <cstdint>
 
+#include "sip/internal/slice.h"
 #include "sip/sip_names.h"
 
 namespace {
 
-bool is_blank(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
 bool is_digit(char c) { return c >= '0' && c <= '9'; }
-
-// Offsets of the text of `s` between `b` and `e` without the blanks " \t\r\n" around it.
-void trim_span(const char* p, int& b, int& e) {
-  while (b < e && is_blank(p[b])) b++;
-  while (e > b && is_blank(p[e - 1])) e--;
-}
+bool is_space(char c) { return c == ' ' || c == '\t'; }
 
 // Leading blanks, then an optional sign, then digits up to the first other byte.
 // Saturates instead of wrapping.
-int64_t leading_decimal(const String& s, bool allow_minus) {
-  const char* p = s.c_data();
-  int n = s.length();
-  int i = 0;
-  while (i < n && (p[i] == ' ' || p[i] == '\t')) i++;
+int64_t leading_decimal(const char* p, int i, int n, bool allow_minus) {
+  while (i < n && is_space(p[i])) i++;
   bool neg = false;
   if (i < n && (p[i] == '+' || (allow_minus && p[i] == '-'))) {
     neg = p[i] == '-';
@@ -41,108 +33,73 @@ int32_t clamp_int(int64_t v) {
   return static_cast<int32_t>(v);
 }
 
-// The n-th word of `s` (from 0), words separated by runs of blanks and tabs; with `rest`
-// everything from that word on, trimmed.
-String word_of(const String& s, int n, bool rest = false) {
-  const char* p = s.c_data();
-  int len = s.length();
-  int i = 0;
-  for (int k = 0;; k++) {
-    while (i < len && (p[i] == ' ' || p[i] == '\t')) i++;
-    if (i >= len) return String();
-    int start = i;
-    while (i < len && p[i] != ' ' && p[i] != '\t') i++;
-    if (k == n) {
-      if (!rest) return s.substr(start, i - start);
-      int e = len;
-      trim_span(p, start, e);
-      return s.substr(start, e - start);
-    }
-  }
+// The next word in [pos, n) of p, words separated by runs of blanks and tabs; false when
+// there is none. `pos` moves behind it.
+bool next_word(const char* p, int& pos, int n, int& b, int& e) {
+  while (pos < n && is_space(p[pos])) pos++;
+  if (pos >= n) return false;
+  b = pos;
+  while (pos < n && !is_space(p[pos])) pos++;
+  e = pos;
+  return true;
 }
 
-// Splits a list of name-addrs at commas outside quotes and angle brackets.
-template <class List>
-void split_nameaddr_list(const String& value, List& out, int& budget) {
-  const char* p = value.c_data();
-  int n = value.length();
+// Walks [b, e) of p and calls cut(item_b, item_e) for each trimmed item between commas
+// outside double quotes (and outside angle brackets with `angles`); stops when cut
+// returns false.
+template <class F>
+void split_list(const char* p, int b, int e, bool angles, F cut) {
   bool quoted = false;
   bool angle = false;
-  int cut = 0;
-  for (int i = 0; i <= n; i++) {
-    if (i < n) {
+  int start = b;
+  for (int i = b; i <= e; i++) {
+    if (i < e) {
       char c = p[i];
       if (quoted) {
-        if (c == '\\' && i + 1 < n) i++;
+        if (c == '\\' && i + 1 < e) i++;
         else if (c == '"') quoted = false;
         continue;
       }
       if (c == '"') quoted = true;
-      else if (c == '<') angle = true;
-      else if (c == '>') angle = false;
+      else if (angles && c == '<') angle = true;
+      else if (angles && c == '>') angle = false;
       if (c != ',' || angle) continue;
     }
-    int b = cut;
-    int e = i;
-    trim_span(p, b, e);
-    if (e > b) {
-      if (budget <= 0) return;
-      budget--;
-      out.emplace_back(value.substr(b, e - b));
-    }
-    cut = i + 1;
+    int ib = start;
+    int ie = i;
+    trim_span(p, ib, ie);
+    if (!cut(ib, ie)) return;
+    start = i + 1;
   }
 }
 
-void split_via(const String& value, SmallList<String, 4>& out, int& budget) {
-  const char* p = value.c_data();
-  int n = value.length();
-  bool quoted = false;
-  int cut = 0;
-  for (int i = 0; i <= n; i++) {
-    if (i < n) {
-      char c = p[i];
-      if (quoted) {
-        if (c == '\\' && i + 1 < n) i++;
-        else if (c == '"') quoted = false;
-        continue;
-      }
-      if (c == '"') quoted = true;
-      if (c != ',') continue;
-    }
-    int b = cut;
-    int e = i;
-    trim_span(p, b, e);
-    if (e <= b || budget <= 0) return;
+template <class List>
+void split_nameaddr_list(const String& src, int b, int e, List& out, int& budget) {
+  split_list(src.c_data(), b, e, true, [&](int ib, int ie) {
+    if (ie <= ib) return true;
+    if (budget <= 0) return false;
     budget--;
-    out.emplace_back(value.substr(b, e - b));
-    cut = i + 1;
-  }
+    out.emplace_back().assign_slice(src, ib, ie - ib);
+    return true;
+  });
+}
+
+// Via values split at commas outside quotes; an empty item ends the split.
+void split_via(const String& src, int b, int e, SmallList<String, 4>& out, int& budget) {
+  split_list(src.c_data(), b, e, false, [&](int ib, int ie) {
+    if (ie <= ib || budget <= 0) return false;
+    budget--;
+    out.emplace_made([&] { return src.substr(ib, ie - ib); });
+    return true;
+  });
 }
 
 // Splits at commas outside double quotes, trimmed, empties left out.
 void split_commas(const String& value, std::vector<String>& out) {
-  const char* p = value.c_data();
-  int n = value.length();
-  bool quoted = false;
-  int cut = 0;
-  for (int i = 0; i <= n; i++) {
-    if (i < n) {
-      char c = p[i];
-      if (quoted) {
-        if (c == '\\' && i + 1 < n) i++;
-        else if (c == '"') quoted = false;
-        continue;
-      }
-      if (c == '"') quoted = true;
-      if (c != ',') continue;
-    }
-    int b = cut;
-    int e = i;
-    trim_span(p, b, e);
-    if (e > b) out.push_back(value.substr(b, e - b));
-    cut = i + 1;
-  }
+  split_list(value.c_data(), 0, value.length(), false, [&](int ib, int ie) {
+    if (ie > ib) out.push_back(value.substr(ib, ie - ib));
+    return true;
+  });
 }
 
 }  // namespace
@@ -192,15 +149,21 @@ void SipMessage::parse() {
 
   int next = 0;
   int first_end = line_end(0, next);
-  String first = raw.head(first_end);
-  method = word_of(first, 0);
+  int pos = 0;
+  int wb = 0;
+  int we = 0;
+  if (next_word(p, pos, first_end, wb, we)) set_slice(method, raw, wb, we - wb);
   is_request = method != sip_version;
   if (is_request) {
-    request_uri.assign(word_of(first, 1));
-    version = word_of(first, 2);
+    if (next_word(p, pos, first_end, wb, we)) request_uri.assign_slice(raw, wb, we - wb);
+    if (next_word(p, pos, first_end, wb, we)) set_slice(version, raw, wb, we - wb);
   } else {
-    status = clamp_int(leading_decimal(word_of(first, 1), true));
-    reason = word_of(first, 2, true);
+    if (next_word(p, pos, first_end, wb, we)) status = clamp_int(leading_decimal(p, wb, we, true));
+    if (next_word(p, pos, first_end, wb, we)) {
+      int re = first_end;
+      trim_span(p, wb, re);
+      set_slice(reason, raw, wb, re - wb);
+    }
   }
 
   int64_t content_length = -1;
@@ -232,21 +195,20 @@ void SipMessage::parse() {
     int vb = colon + 1;
     int ve = e;
     trim_span(h, vb, ve);
+    if (ne <= nb) return;
     SipHeader id = sip_header_of(h + nb, ne - nb);
     if (id == SipHeader::content_length) {
-      content_length = leading_decimal(src->substr(vb, ve - vb), true);
-      return;
+      content_length = leading_decimal(h, vb, ve, true);
+    } else if (id == SipHeader::other) {
+      SipParam& prm = headers.emplace_back();
+      set_slice(prm.name, *src, nb, ne - nb);
+      set_slice(prm.value, *src, vb, ve - vb);
+    } else {
+      file_header(id, *src, vb, ve);
     }
-    if (ne <= nb) return;
-    String value = src->substr(vb, ve - vb);
-    if (id == SipHeader::other) {
-      headers.push_back(SipParam{src->substr(nb, ne - nb), value});
-      return;
-    }
-    add_header(src->substr(nb, ne - nb), value);
   };
 
-  int pos = next;
+  pos = next;
   int body_start = n;
   while (pos < n) {
     int e = line_end(pos, next);
@@ -282,52 +244,67 @@ void SipMessage::parse() {
 
 void SipMessage::add_header(const String& name, const String& value) {
   if (name.empty()) return;
-  switch (sip_header_of(name)) {
+  SipHeader id = sip_header_of(name);
+  if (id == SipHeader::other) {
+    if (headers.size() < sip_max_header_fields) headers.push_back(SipParam{name, value});
+    return;
+  }
+  file_header(id, value, 0, value.length());
+}
+
+void SipMessage::file_header(SipHeader id, const String& src, int b, int e) {
+  const char* p = src.c_data();
+  switch (id) {
     case SipHeader::from:
-      from.assign(value);
+      from.assign_slice(src, b, e - b);
       break;
     case SipHeader::to:
-      to.assign(value);
+      to.assign_slice(src, b, e - b);
       break;
     case SipHeader::call_id:
-      call_id = value;
+      set_slice(call_id, src, b, e - b);
       break;
-    case SipHeader::cseq:
-      cseq = static_cast<uint32_t>(leading_decimal(value, false));
-      cseq_method = word_of(value, 1);
+    case SipHeader::cseq: {
+      cseq = static_cast<uint32_t>(leading_decimal(p, b, e, false));
+      int pos = b;
+      int wb = 0;
+      int we = 0;
+      cseq_method.clear();
+      if (next_word(p, pos, e, wb, we) && next_word(p, pos, e, wb, we))
+        set_slice(cseq_method, src, wb, we - wb);
       break;
+    }
     case SipHeader::content_type:
-      content_type = value;
+      set_slice(content_type, src, b, e - b);
       break;
     case SipHeader::content_length:
       // Computed when the text is sent.
       break;
     case SipHeader::expires:
-      expires = value;
+      set_slice(expires, src, b, e - b);
       break;
     case SipHeader::route:
-      split_nameaddr_list(value, route, list_budget_);
+      split_nameaddr_list(src, b, e, route, list_budget_);
       break;
     case SipHeader::record_route:
-      split_nameaddr_list(value, record_route, list_budget_);
+      split_nameaddr_list(src, b, e, record_route, list_budget_);
       break;
     case SipHeader::path:
-      split_nameaddr_list(value, path, list_budget_);
+      split_nameaddr_list(src, b, e, path, list_budget_);
       break;
     case SipHeader::history_info:
-      split_nameaddr_list(value, history_info, list_budget_);
+      split_nameaddr_list(src, b, e, history_info, list_budget_);
       break;
     case SipHeader::contact:
-      split_nameaddr_list(value, contact, list_budget_);
+      split_nameaddr_list(src, b, e, contact, list_budget_);
       break;
     case SipHeader::via:
-      split_via(value, via, list_budget_);
+      split_via(src, b, e, via, list_budget_);
       break;
     case SipHeader::max_forwards:
-      max_forwards = clamp_int(leading_decimal(value, true));
+      max_forwards = clamp_int(leading_decimal(p, b, e, true));
       break;
     case SipHeader::other:
-      if (headers.size() < sip_max_header_fields) headers.push_back(SipParam{name, value});
       break;
   }
 }

@@ -10,6 +10,7 @@
 #include "sip/body_part.h"
 #include "sip/internal/small_list.h"
 #include "sip/name_addr.h"
+#include "sip/sip_names.h"
 #include "sip/sip_params.h"
 #include "sip/sip_uri.h"
 #include "sip/transport.h"
@@ -101,6 +102,8 @@ class SipMessage {
 
  private:
   void parse();
+  // Files bytes [b, e) of `src` as the value of a header with a field of its own.
+  void file_header(SipHeader id, const String& src, int b, int e);
   // List elements that headers may still add; bounds a message of endless Vias.
   int list_budget_ = sip_max_list_items;
 };

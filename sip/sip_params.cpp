@@ -4,6 +4,7 @@
 
 #include "core/codings.h"
 #include "sip/internal/char_class.h"
+#include "sip/internal/slice.h"
 
 const SipParam* find_param(const ParamList& list, const String& name) {
   for (const SipParam& p : list)
@@ -63,16 +64,23 @@ String param_value(const String& text, const String& name, char separator) {
   int n = text.length();
   for (int pos = 0; pos <= n;) {
     int end = item_end(p, n, pos, separator);
-    String item = text.substr(pos, end - pos);
-    int eq = item.find('=');
-    String key = (eq < 0 ? item : item.head(eq)).trim();
-    if (key.equals_nocase(name)) {
-      if (eq < 0) return String();
-      String value = item.tail(eq + 1).trim();
-      if (value.length() >= 2 && value[0] == '"' && value[value.length() - 1] == '"')
-        return unescape_quoted(value.substr(1, value.length() - 2));
-      if (value.length() >= 1 && value[0] == '"') return unescape_quoted(value.tail(1));
-      return value;
+    int eq = pos;
+    while (eq < end && p[eq] != '=') eq++;
+    int kb = pos;
+    int ke = eq;
+    trim_span(p, kb, ke);
+    if (span_equals_nocase(p + kb, ke - kb, name)) {
+      if (eq >= end) return String();
+      int vb = eq + 1;
+      int ve = end;
+      trim_span(p, vb, ve);
+      if (vb < ve && p[vb] == '"') {
+        vb++;
+        if (ve > vb && p[ve - 1] == '"') ve--;
+        String v = text.substr(vb, ve - vb);
+        return unescape_quoted(v);
+      }
+      return text.substr(vb, ve - vb);
     }
     pos = end + 1;
   }

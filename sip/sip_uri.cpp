@@ -1,6 +1,7 @@
 #include "sip/sip_uri.h"
 
 #include "sip/internal/char_class.h"
+#include "sip/internal/slice.h"
 
 namespace {
 
@@ -13,23 +14,39 @@ int scan_letters(const char* p, int n) {
   return i;
 }
 
-// Reads `;name=value` or `&name=value` items from `pos` on until a byte in `stop` outside
-// an item; returns the offset where reading stopped.
+// A field from bytes [b, e) of s: a slice, or the decoded text when it holds a "%".
+void set_field(String& dest, const String& s, const char* p, int b, int e) {
+  for (int i = b; i < e; i++)
+    if (p[i] == '%') {
+      dest = uri_decoded(s.substr(b, e - b));
+      return;
+    }
+  set_slice(dest, s, b, e - b);
+}
+
+// Reads `;name=value` (or `&name=value`) items from `pos` on, each led by `lead`, until a
+// `stop` byte outside an item; returns where reading stopped.
 int read_items(const String& s, const char* p, int n, int pos, char lead, char stop,
-               ParamList& out) {
-  while (pos < n && p[pos] == lead) {
-    pos++;
+               bool first_is_led, ParamList& out) {
+  while (pos < n && (p[pos] == lead || first_is_led)) {
+    if (!first_is_led) pos++;
+    first_is_led = false;
     int name_start = pos;
     while (pos < n && p[pos] != '=' && p[pos] != lead && p[pos] != stop) pos++;
-    String name = s.substr(name_start, pos - name_start);
-    String value;
+    int name_end = pos;
+    int value_start = pos;
+    int value_end = pos;
     if (pos < n && p[pos] == '=') {
       pos++;
-      int value_start = pos;
+      value_start = pos;
       while (pos < n && p[pos] != lead && p[pos] != stop) pos++;
-      value = uri_decoded(s.substr(value_start, pos - value_start));
+      value_end = pos;
     }
-    if (!name.empty()) out.push_back(SipParam{uri_decoded(name), value});
+    if (name_end > name_start) {
+      SipParam& prm = out.emplace_back();
+      set_field(prm.name, s, p, name_start, name_end);
+      set_field(prm.value, s, p, value_start, value_end);
+    }
   }
   return pos;
 }
@@ -38,6 +55,12 @@ int read_items(const String& s, const char* p, int n, int pos, char lead, char s
 
 void SipUri::assign(const String& text) {
   raw_ = text;
+  unparsed_ = true;
+  dirty_ = false;
+}
+
+void SipUri::assign_slice(const String& src, int pos, int length) {
+  set_slice(raw_, src, pos, length);
   unparsed_ = true;
   dirty_ = false;
 }
@@ -52,15 +75,18 @@ void SipUri::parse() const {
   params_.clear();
   headers_.clear();
 
-  String t = raw_.trim();
+  const String& t = raw_;
   const char* p = t.c_data();
+  int tb = 0;
   int n = t.length();
-  int at = t.find('@');
-  String user_part;
-  String rest;
-  if (at < 0) {
-    rest = t;
-    int i = scan_letters(p, n);
+  trim_span(p, tb, n);
+  int at = tb;
+  while (at < n && p[at] != '@') at++;
+  int user_b = tb;  // the user part, empty without an "@"
+  int user_e = tb;
+  int rest = tb;
+  if (at >= n) {
+    int i = tb + scan_letters(p + tb, n - tb);
     if (i < n && p[i] == ':') {
       // host:5060 keeps its port; sip:host gets a scheme.
       int j = i + 1;
@@ -71,80 +97,62 @@ void SipUri::parse() const {
           break;
         }
       if (!digits) {
-        scheme_ = t.head(i);
-        rest = t.tail(i + 1);
+        set_slice(scheme_, t, tb, i - tb);
+        rest = i + 1;
       }
     }
   } else {
-    user_part = t.head(at);
-    rest = t.tail(at + 1);
-    int i = scan_letters(p, at);
+    user_e = at;
+    rest = at + 1;
+    int i = tb + scan_letters(p + tb, at - tb);
     if (i < at && p[i] == ':') {
-      scheme_ = t.head(i);
-      user_part = t.substr(i + 1, at - i - 1);
+      set_slice(scheme_, t, tb, i - tb);
+      user_b = i + 1;
     }
   }
 
-  if (!user_part.empty()) {
-    const char* u = user_part.c_data();
-    int un = user_part.length();
+  if (user_e > user_b) {
     int colon = -1;
-    for (int i = 0; i < un; i++) {
-      if (u[i] == '%') {
+    for (int i = user_b; i < user_e; i++) {
+      if (p[i] == '%') {
         i += 2;
-      } else if (u[i] == ':') {
+      } else if (p[i] == ':') {
         colon = i;
         break;
       }
     }
     if (colon < 0) {
-      user_ = uri_decoded(user_part);
+      set_field(user_, t, p, user_b, user_e);
     } else {
-      user_ = uri_decoded(user_part.head(colon));
-      password_ = uri_decoded(user_part.tail(colon + 1));
+      set_field(user_, t, p, user_b, colon);
+      set_field(password_, t, p, colon + 1, user_e);
     }
   }
 
-  const char* r = rest.c_data();
-  int rn = rest.length();
-  int pos = 0;
+  int pos = rest;
   int depth = 0;
-  while (pos < rn) {
-    char c = r[pos];
+  while (pos < n) {
+    char c = p[pos];
     if (c == '[') depth++;
     else if (c == ']' && depth > 0) depth--;
     else if (depth == 0 && (c == ';' || c == '?' || c == ':')) break;
     pos++;
   }
-  host_ = rest.head(pos);
-  if (pos < rn && r[pos] == ':') {
+  set_slice(host_, t, rest, pos - rest);
+  if (pos < n && p[pos] == ':') {
     pos++;
     int start = pos;
     // A port may still be a placeholder that the sending side fills in.
-    int close = r[pos] == '{' ? placeholder_end(r, rn, pos) : -1;
+    int close = pos < n && p[pos] == '{' ? placeholder_end(p, n, pos) : -1;
     if (close >= 0) {
       pos = close + 1;
     } else {
-      while (pos < rn && is_digit(r[pos])) pos++;
+      while (pos < n && is_digit(p[pos])) pos++;
     }
-    port_ = rest.substr(start, pos - start);
+    set_slice(port_, t, start, pos - start);
   }
-  pos = read_items(rest, r, rn, pos, ';', '?', params_);
-  if (pos < rn && r[pos] == '?') {
-    // The first header follows the "?" just as the next ones follow "&".
-    ParamList& h = headers_;
-    pos++;
-    while (pos <= rn) {
-      int start = pos;
-      while (pos < rn && r[pos] != '&') pos++;
-      String item = rest.substr(start, pos - start);
-      int eq = item.find('=');
-      String name = eq < 0 ? item : item.head(eq);
-      String value = eq < 0 ? String() : uri_decoded(item.tail(eq + 1));
-      if (!name.empty()) h.push_back(SipParam{uri_decoded(name), value});
-      pos++;
-    }
-  }
+  pos = read_items(t, p, n, pos, ';', '?', false, params_);
+  if (pos < n && p[pos] == '?') read_items(t, p, n, pos + 1, '&', '&', true, headers_);
 }
 
 void SipUri::append_built(String& out) const {

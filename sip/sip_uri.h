@@ -13,6 +13,8 @@ class SipUri {
 
   // Takes `text` as the raw form; nothing is parsed yet.
   void assign(const String& text);
+  // The same with `length` bytes of `src` from `pos`, made in place.
+  void assign_slice(const String& src, int pos, int length);
   SipUri& operator=(const String& text) {
     assign(text);
     return *this;

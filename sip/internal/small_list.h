@@ -59,6 +59,14 @@ class SmallList {
     size_++;
     return *p;
   }
+  // Constructs the element from what `make` returns, without a move in between.
+  template <class F>
+  T& emplace_made(F&& make) {
+    if (size_ == cap_) reserve(cap_ < 4 ? 8 : cap_ * 2);
+    T* p = new (data_ + size_) T(make());
+    size_++;
+    return *p;
+  }
   T& push_back(const T& v) { return emplace_back(v); }
   T& push_back(T&& v) { return emplace_back(std::move(v)); }
 
