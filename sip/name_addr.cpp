@@ -139,6 +139,7 @@ void read_nameaddr_params(const String& text, int from, int to, String& tag, Par
 
 void NameAddr::parse() const {
   unparsed_ = false;
+  params_at_ = -1;
   display_.clear();
   uri_ = SipUri();
   tag_.clear();
@@ -204,7 +205,16 @@ void NameAddr::parse() const {
     uri_.assign_slice(t, rest, (semi < n ? semi : n) - rest);
     if (semi < n) pb = semi + 1;
   }
-  if (pb < n) read_nameaddr_params(t, pb, n, tag_, params_);
+  if (pb < n) {
+    params_at_ = pb;
+    params_end_ = n;
+  }
+}
+
+void NameAddr::parse_params() const {
+  int from = params_at_;
+  params_at_ = -1;
+  read_nameaddr_params(raw_, from, params_end_, tag_, params_);
 }
 
 namespace {
@@ -237,7 +247,7 @@ bool all_token(const String& v) {
 }  // namespace
 
 void NameAddr::append_full(String& out) const {
-  parsed();
+  parsed_all();
   if (!display_.empty()) {
     if (display_quoted_ || display_.contains('"') || display_.contains('\\'))
       append_escaped_quoted(out, display_, false);

@@ -25,8 +25,8 @@ class NameAddr {
 
   const String& display() const { return parsed().display_; }
   const SipUri& uri() const { return parsed().uri_; }
-  const String& tag() const { return parsed().tag_; }
-  const ParamList& params() const { return parsed().params_; }
+  const String& tag() const { return parsed_all().tag_; }
+  const ParamList& params() const { return parsed_all().params_; }
   bool angle_form() const { return parsed().angle_form_; }
   bool display_quoted() const { return parsed().display_quoted_; }
 
@@ -54,12 +54,19 @@ class NameAddr {
     if (unparsed_) parse();
     return *this;
   }
-  NameAddr& changed() {
+  // The tag and parameters are read only when asked for.
+  const NameAddr& parsed_all() const {
     if (unparsed_) parse();
+    if (params_at_ >= 0) parse_params();
+    return *this;
+  }
+  NameAddr& changed() {
+    parsed_all();
     dirty_ = true;
     return *this;
   }
   void parse() const;
+  void parse_params() const;
 
   mutable String raw_;
   mutable String display_;
@@ -70,6 +77,8 @@ class NameAddr {
   mutable bool display_quoted_ = true;
   mutable bool unparsed_ = false;
   mutable bool dirty_ = false;
+  mutable int params_at_ = -1;  // where unread parameters start in raw_, or -1
+  mutable int params_end_ = 0;
 };
 
 String nameaddr_param(const NameAddr& a, const String& name);

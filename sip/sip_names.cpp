@@ -57,6 +57,10 @@ namespace {
 struct HeaderName {
   const char* name;
   SipHeader id;
+  int length;
+  constexpr HeaderName(const char* n, SipHeader i) : name(n), id(i), length(0) {
+    while (n[length]) length++;
+  }
 };
 
 // The table the parser files headers by. Plain C texts, so that lookups during static
@@ -93,7 +97,7 @@ SipHeader sip_header_of(const char* name, int length) {
   if (length <= 0 || length > 14) return SipHeader::other;
   char first = lower(name[0]);
   for (const HeaderName& h : header_names) {
-    if (h.name[0] != first || static_cast<int>(strlen(h.name)) != length) continue;
+    if (h.length != length || h.name[0] != first) continue;
     int i = 1;
     while (i < length && lower(name[i]) == h.name[i]) i++;
     if (i == length) return h.id;

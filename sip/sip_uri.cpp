@@ -67,6 +67,7 @@ void SipUri::assign_slice(const String& src, int pos, int length) {
 
 void SipUri::parse() const {
   unparsed_ = false;
+  params_at_ = -1;
   scheme_.clear();
   user_.clear();
   password_.clear();
@@ -151,12 +152,23 @@ void SipUri::parse() const {
     }
     set_slice(port_, t, start, pos - start);
   }
+  params_at_ = pos < n ? pos : -1;
+}
+
+void SipUri::parse_params() const {
+  const String& t = raw_;
+  const char* p = t.c_data();
+  int b = 0;
+  int n = t.length();
+  trim_span(p, b, n);
+  int pos = params_at_;
+  params_at_ = -1;
   pos = read_items(t, p, n, pos, ';', '?', false, params_);
   if (pos < n && p[pos] == '?') read_items(t, p, n, pos + 1, '&', '&', true, headers_);
 }
 
 void SipUri::append_built(String& out) const {
-  parsed();
+  parsed_all();
   if (!scheme_.empty()) {
     out.append(scheme_);
     out.append(':');

@@ -30,8 +30,8 @@ class SipUri {
   const String& password() const { return parsed().password_; }
   const String& host() const { return parsed().host_; }
   const String& port() const { return parsed().port_; }
-  const ParamList& params() const { return parsed().params_; }
-  const ParamList& headers() const { return parsed().headers_; }
+  const ParamList& params() const { return parsed_all().params_; }
+  const ParamList& headers() const { return parsed_all().headers_; }
 
   void set_scheme(const String& v) { changed().scheme_ = v; }
   void set_user(const String& v) { changed().user_ = v; }
@@ -49,12 +49,19 @@ class SipUri {
     if (unparsed_) parse();
     return *this;
   }
-  SipUri& changed() {
+  // Parameters and headers are read only when asked for: most readers want the host.
+  const SipUri& parsed_all() const {
     if (unparsed_) parse();
+    if (params_at_ >= 0) parse_params();
+    return *this;
+  }
+  SipUri& changed() {
+    parsed_all();
     dirty_ = true;
     return *this;
   }
   void parse() const;
+  void parse_params() const;
 
   // The fields are filled in by the first getter, hence mutable; see the concurrency
   // note in sip/README.md.
@@ -68,6 +75,7 @@ class SipUri {
   mutable String port_;
   mutable ParamList params_;
   mutable ParamList headers_;
+  mutable int params_at_ = -1;  // where unread parameters start in raw_, or -1
 };
 
 String uri_param(const SipUri& uri, const String& name);

@@ -55,7 +55,11 @@ class SmallList {
   template <class... A>
   T& emplace_back(A&&... args) {
     if (size_ == cap_) reserve(cap_ < 4 ? 8 : cap_ * 2);
-    T* p = new (data_ + size_) T(std::forward<A>(args)...);
+    T* p;
+    // Default-initialised rather than value-initialised: a large element is not zeroed
+    // first only to have its constructors run over it.
+    if constexpr (sizeof...(A) == 0) p = new (data_ + size_) T;
+    else p = new (data_ + size_) T(std::forward<A>(args)...);
     size_++;
     return *p;
   }
