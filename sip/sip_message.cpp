@@ -68,6 +68,12 @@ bool next_word(const char* p, int& pos, int n, int& b, int& e) {
 // returns false.
 template <class F>
 void split_list(const char* p, int b, int e, bool angles, F cut) {
+  // Most lists hold one element: without a comma there is nothing to walk.
+  if (b >= e || !memchr(p + b, ',', static_cast<size_t>(e - b))) {
+    trim_span(p, b, e);
+    cut(b, e);
+    return;
+  }
   bool quoted = false;
   bool angle = false;
   int start = b;
