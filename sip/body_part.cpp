@@ -1,3 +1,4 @@
+#include "sip/internal/slice.h"
 #include "sip/body_part.h"
 
 #include "sip/sip_names.h"
@@ -122,7 +123,7 @@ String part_text(const BodyPart& part, bool secure, const String& port_sdp, Stri
   String out;
   for (const std::shared_ptr<Sdp>& s : part.sdp)
     if (s && sip_hooks.write_sdp) out.append(sip_hooks.write_sdp(*s, secure));
-  for (const String& t : part.text) out.append(t);
+  for (const String& t : part.text) put(out, t);
   return out;
 }
 
@@ -173,29 +174,29 @@ void write_body_parts(const std::vector<BodyPart>& parts, bool secure, const Str
   content_type = String("multipart/mixed; boundary=") + boundary;
   for (size_t i = 0; i < parts.size(); i++) {
     body.append("--");
-    body.append(boundary);
-    body.append(str_crlf);
+    put(body, boundary);
+    put(body, str_crlf);
     if (!parts[i].content_disposition.empty()) {
-      body.append(hdr_content_disposition);
+      put(body, hdr_content_disposition);
       body.append(": ");
-      body.append(parts[i].content_disposition);
-      body.append(str_crlf);
+      put(body, parts[i].content_disposition);
+      put(body, str_crlf);
     }
     if (!parts[i].content_id.empty()) {
-      body.append(hdr_content_id);
+      put(body, hdr_content_id);
       body.append(": ");
-      body.append(parts[i].content_id);
-      body.append(str_crlf);
+      put(body, parts[i].content_id);
+      put(body, str_crlf);
     }
-    body.append(hdr_content_type);
+    put(body, hdr_content_type);
     body.append(": ");
-    body.append(types[i]);
-    body.append(str_crlf);
-    body.append(str_crlf);
+    put(body, types[i]);
+    put(body, str_crlf);
+    put(body, str_crlf);
     append_dot_stuffed(body, texts[i]);
-    body.append(str_crlf);
+    put(body, str_crlf);
   }
   body.append("--");
-  body.append(boundary);
+  put(body, boundary);
   body.append("--\r\n");
 }

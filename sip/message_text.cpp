@@ -1,3 +1,4 @@
+#include "sip/internal/slice.h"
 #include "sip/message_text.h"
 
 #include <arpa/inet.h>
@@ -98,38 +99,38 @@ void append_value(String& out, int kind, const LocalEnd& a, const String& media_
                   const String& transport) {
   switch (kind) {
     case 0:
-      out.append(transport);
+      put(out, transport);
       break;
     case 1: {
       String ip = mapped(a.ip);
       if (ip.contains(':')) {
         out.append('[');
-        out.append(ip);
+        put(out, ip);
         out.append(']');
       } else {
-        out.append(ip);
+        put(out, ip);
       }
       break;
     }
     case 2:
-      out.append(String(a.port));
+      put(out, String(a.port));
       break;
     case 3:
       if (transport == "tls") out.append(";alias");
       break;
     case 4: {
       String bind = bind_address(a.ipv6 ? setting_bind6 : setting_bind4, a.ipv6);
-      out.append(mapped(bind.empty() ? a.ip : bind));
+      put(out, mapped(bind.empty() ? a.ip : bind));
       break;
     }
     case 5:
-      out.append(media_port);
+      put(out, media_port);
       break;
     case 6:
-      if (!media_port.empty()) out.append(String(media_port.to_int() + 1));
+      if (!media_port.empty()) put(out, String(media_port.to_int() + 1));
       break;
     case 7:
-      out.append(a.ipv6 ? "IP6" : "IP4");
+      put(out, a.ipv6 ? "IP6" : "IP4");
       break;
   }
 }
@@ -196,7 +197,7 @@ String message_text(const TaggedText& message, const LocalEnd& address, const St
         out.append(insert_replacement(value, address, media_port, transport));
         break;
       case sip_record_copied:
-        out.append(value);
+        put(out, value);
         break;
       case sip_record_length_name:
         length_name = value;
@@ -210,11 +211,11 @@ String message_text(const TaggedText& message, const LocalEnd& address, const St
     }
   }
   if (!length_name.empty()) {
-    out.append(length_name);
+    put(out, length_name);
     out.append(": ");
-    out.append(String(body.length()));
+    put(out, String(body.length()));
     out.append("\r\n\r\n");
-    out.append(body);
+    put(out, body);
   }
   return out;
 }

@@ -252,21 +252,21 @@ void NameAddr::append_full(String& out) const {
     if (display_quoted_ || display_.contains('"') || display_.contains('\\'))
       append_escaped_quoted(out, display_, false);
     else
-      out.append(display_);
+      put(out, display_);
     out.append(' ');
   }
   out.append('<');
-  out.append(uri_.text());
+  put(out, uri_.text());
   out.append('>');
   if (!tag_.empty()) {
     out.append(";tag=");
-    out.append(tag_);
+    put(out, tag_);
   }
   for (const SipParam& prm : params_) {
     out.append(';');
-    out.append(prm.name);
+    put(out, prm.name);
     out.append('=');
-    if (all_token(prm.value)) out.append(prm.value);
+    if (all_token(prm.value)) put(out, prm.value);
     else append_escaped_quoted(out, prm.value, true);
   }
 }
@@ -277,16 +277,16 @@ const String& NameAddr::text() const {
   if (angle_form_ || !display_.empty() || !uri_.params().empty()) {
     append_full(out);
   } else {
-    out.append(uri_.text());
+    put(out, uri_.text());
     if (!tag_.empty()) {
       out.append(";tag=");
-      out.append(tag_);
+      put(out, tag_);
     }
     for (const SipParam& prm : params_) {
       out.append(';');
-      out.append(prm.name);
+      put(out, prm.name);
       out.append('=');
-      out.append(prm.value);
+      put(out, prm.value);
     }
   }
   raw_ = out;

@@ -1,6 +1,7 @@
 // The serialiser: a message becomes TaggedText records, so that the side owning the
 // sockets can fill in the placeholders and compute Content-Length at send time.
 #include "core/format.h"
+#include "sip/internal/slice.h"
 #include "sip/sip_hooks.h"
 #include "sip/sip_message.h"
 #include "sip/sip_names.h"
@@ -8,6 +9,15 @@
 namespace {
 
 const String short_header_setting("short_header");
+const String mime_version("1.0");
+
+bool is_wildcard(const String& raw) {
+  const char* p = raw.c_data();
+  int b = 0;
+  int e = raw.length();
+  trim_span(p, b, e);
+  return e - b == 1 && p[b] == '*';
+}
 
 // Writes records straight into one growing text instead of going through a String per
 // line; the record head is patched once the value is known.
@@ -33,20 +43,20 @@ class RecordWriter {
   String& text() { return out_; }
   void line(int tag, const String& name, const String& value) {
     open(tag);
-    out_.append(name);
+    put(out_, name);
     out_.append(": ");
-    out_.append(value);
-    out_.append(str_crlf);
+    put(out_, value);
+    put(out_, str_crlf);
     close();
   }
   void nameaddr(int tag, const String& name, const NameAddr& a) {
     open(tag);
-    out_.append(name);
+    put(out_, name);
     out_.append(": ");
     // The wildcard of a REGISTER that removes all bindings is no name-addr.
-    if (a.raw().trim() == "*" && !a.dirty()) out_.append('*');
+    if (!a.dirty() && is_wildcard(a.raw())) out_.append('*');
     else a.append_full(out_);
-    out_.append(str_crlf);
+    put(out_, str_crlf);
     close();
   }
 
@@ -67,16 +77,16 @@ TaggedText SipMessage::serialise(Transport over) const {
 
   w.open(sip_record_start);
   if (is_request) {
-    out.append(method);
+    put(out, method);
     out.append(' ');
-    out.append(request_uri.text());
+    put(out, request_uri.text());
     out.append(" SIP/2.0\r\n");
   } else {
     out.append("SIP/2.0 ");
-    out.append(String(status));
+    put_number(out, status);
     out.append(' ');
-    out.append(reason);
-    out.append(str_crlf);
+    put(out, reason);
+    put(out, str_crlf);
   }
   w.close();
 
@@ -89,12 +99,19 @@ TaggedText SipMessage::serialise(Transport over) const {
   w.line(sip_record_copied, compact ? compact_call_id : hdr_call_id_wire, call_id);
   w.open(sip_record_copied);
   out.append("CSeq: ");
-  out.append(String(cseq));
+  put_number(out, cseq);
   out.append(' ');
-  out.append(cseq_method);
-  out.append(str_crlf);
+  put(out, cseq_method);
+  put(out, str_crlf);
   w.close();
-  if (is_request) w.line(sip_record_copied, hdr_max_forwards, String(max_forwards));
+  if (is_request) {
+    w.open(sip_record_copied);
+    put(out, hdr_max_forwards);
+    out.append(": ");
+    put_number(out, max_forwards);
+    put(out, str_crlf);
+    w.close();
+  }
   for (const NameAddr& a : contact)
     w.nameaddr(sip_record_filled, compact ? compact_contact : hdr_contact, a);
   for (const NameAddr& a : history_info) w.nameaddr(sip_record_copied, hdr_history_info, a);
@@ -111,17 +128,17 @@ TaggedText SipMessage::serialise(Transport over) const {
     String chosen = boundary;
     write_body_parts(parts, secure, port_sdp, chosen, text, type);
   }
-  if (parts.size() >= 2) w.line(sip_record_copied, hdr_mime_version, String("1.0"));
+  if (parts.size() >= 2) w.line(sip_record_copied, hdr_mime_version, mime_version);
   if (!text.empty())
     w.line(sip_record_copied, compact ? compact_content_type : hdr_content_type, type);
   w.open(sip_record_length_name);
-  out.append(compact ? compact_content_length : hdr_content_length);
+  put(out, compact ? compact_content_length : hdr_content_length);
   w.close();
   w.open(sip_record_body);
-  out.append(text);
+  put(out, text);
   w.close();
   w.open(sip_record_cseq_method);
-  out.append(cseq_method);
+  put(out, cseq_method);
   w.close();
   return TaggedText(out);
 }

@@ -170,7 +170,7 @@ void SipUri::parse_params() const {
 void SipUri::append_built(String& out) const {
   parsed_all();
   if (!scheme_.empty()) {
-    out.append(scheme_);
+    put(out, scheme_);
     out.append(':');
   }
   if (!user_.empty()) {
@@ -182,10 +182,10 @@ void SipUri::append_built(String& out) const {
     out.append('@');
   }
   if (!host_.empty()) {
-    out.append(host_);
+    put(out, host_);
     if (!port_.empty()) {
       out.append(':');
-      out.append(port_);
+      put(out, port_);
     }
   }
   for (const SipParam& prm : params_) {
@@ -198,7 +198,7 @@ void SipUri::append_built(String& out) const {
   }
   char lead = '?';
   for (const SipParam& h : headers_) {
-    out.append(lead);
+    put(out, lead);
     lead = '&';
     append_uri_encoded(out, h.name, cc_uri_header);
     out.append('=');

@@ -34,3 +34,25 @@ inline bool span_equals_nocase(const char* p, int n, const String& s) {
   }
   return true;
 }
+
+// Appends the bytes of `s`. String::append(const String&) first takes a copy of its
+// argument in case it shares the target's buffer; a value from another text never does,
+// and the copy costs two trips through a ring lock.
+inline void put(String& out, const String& s) {
+  if (!s.empty()) out.append(s.c_data(), s.length());
+}
+
+inline void put(String& out, char c) { out.append(c); }
+
+inline void put_number(String& out, long long v) {
+  char buf[24];
+  int i = sizeof buf;
+  bool neg = v < 0;
+  unsigned long long u = neg ? 0ULL - static_cast<unsigned long long>(v) : static_cast<unsigned long long>(v);
+  do {
+    buf[--i] = static_cast<char>('0' + u % 10);
+    u /= 10;
+  } while (u);
+  if (neg) buf[--i] = '-';
+  out.append(buf + i, static_cast<int>(sizeof buf) - i);
+}
