@@ -155,16 +155,15 @@ LocalEnd parse_local_end(const String& text) {
   return end;
 }
 
-String insert_replacement(const String& text, const LocalEnd& address, const String& media_port,
-                          const String& transport) {
-  int first = text.find('{');
-  if (first < 0) return text;
-  const char* p = text.c_data();
-  int n = text.length();
-  String out;
-  out.reserve(n + 64);
+namespace {
+
+// Appends bytes [0, n) of p with every placeholder replaced.
+void append_filled(String& out, const char* p, int n, const LocalEnd& address,
+                   const String& media_port, const String& transport) {
   int run = 0;
-  for (int i = first; i < n; i++) {
+  const void* brace = memchr(p, '{', static_cast<size_t>(n));
+  int i = brace ? static_cast<int>(static_cast<const char*>(brace) - p) : n;
+  for (; i < n; i++) {
     if (p[i] != '{') continue;
     for (const Placeholder& ph : placeholders) {
       if (n - i < ph.length || memcmp(p + i, ph.text, static_cast<size_t>(ph.length)) != 0)
@@ -177,43 +176,72 @@ String insert_replacement(const String& text, const LocalEnd& address, const Str
     }
   }
   out.append(p + run, n - run);
+}
+
+}  // namespace
+
+String insert_replacement(const String& text, const LocalEnd& address, const String& media_port,
+                          const String& transport) {
+  if (!text.contains('{')) return text;
+  String out;
+  out.reserve(text.length() + 64);
+  append_filled(out, text.c_data(), text.length(), address, media_port, transport);
   return out;
 }
 
 String message_text(const TaggedText& message, const LocalEnd& address, const String& media_port,
                     const String& transport, String* cseq_method) {
-  TaggedText records(message.text());
+  // The records are read in place: a String per record would cost more than the copying.
+  const String& records = message.text();
+  const unsigned char* d = reinterpret_cast<const unsigned char*>(records.c_data());
+  int n = records.length();
   String out;
-  String length_name;
-  String body;
-  int tag = 0;
-  String value;
-  while (records.next(tag, value)) {
+  out.reserve(n + 256);
+  const char* length_name = nullptr;
+  int length_name_size = 0;
+  int body_at = -1;
+  int body_size = 0;
+  for (int pos = 0; pos + 4 <= n;) {
+    int tag = d[pos];
+    int size = (d[pos + 1] << 16) | (d[pos + 2] << 8) | d[pos + 3];
+    int at = pos + 4;
+    if (size > n - at) break;
+    const char* value = reinterpret_cast<const char*>(d + at);
     switch (tag) {
       case sip_record_start:
-        out = insert_replacement(value, address, media_port, transport);
+        out.clear();
+        out.reserve(n + 256);
+        append_filled(out, value, size, address, media_port, transport);
         break;
       case sip_record_filled:
-        out.append(insert_replacement(value, address, media_port, transport));
+        append_filled(out, value, size, address, media_port, transport);
         break;
       case sip_record_copied:
-        put(out, value);
+        out.append(value, size);
         break;
       case sip_record_length_name:
         length_name = value;
+        length_name_size = size;
         break;
       case sip_record_body:
-        body = media_port.empty() ? value : insert_replacement(value, address, media_port, transport);
+        body_at = at;
+        body_size = size;
         break;
       case sip_record_cseq_method:
-        if (cseq_method) *cseq_method = value;
+        if (cseq_method) *cseq_method = records.substr(at, size);
         break;
     }
+    pos = at + size;
   }
-  if (!length_name.empty()) {
-    put(out, length_name);
+  if (length_name) {
+    String body;
+    if (body_at >= 0) {
+      if (media_port.empty()) body = records.substr(body_at, body_size);
+      else append_filled(body, reinterpret_cast<const char*>(d + body_at), body_size, address, media_port, transport);
+    }
+    out.append(length_name, length_name_size);
     out.append(": ");
-    put(out, String(body.length()));
+    put_number(out, body.length());
     out.append("\r\n\r\n");
     put(out, body);
   }
