@@ -191,6 +191,26 @@ TEST_F(SerialiseTest, ContentLengthFitsTheFilledBody) {
   EXPECT_TRUE(plain.ends_with(String("Content-Length: ") + String(sdp.length()) + "\r\n\r\n" + sdp));
 }
 
+TEST_F(SerialiseTest, CompactNamesWithABody) {
+  settings["short_header"] = "true";
+  SipMessage m("MESSAGE", NameAddr("<sip:a@h>;tag=1"), NameAddr("<sip:b@h>"), "cid", "");
+  m.request_uri.assign("sip:b@h");
+  m.cseq = 3;
+  m.parts.push_back(BodyPart::from_text("text/plain", "hello"));
+  String text = message_text(m.serialise(Transport::udp), local4, "", "udp");
+  EXPECT_EQ(text, String(
+      "MESSAGE sip:b@h SIP/2.0\r\n"
+      "f: <sip:a@h>;tag=1\r\n"
+      "t: <sip:b@h>\r\n"
+      "i: cid\r\n"
+      "CSeq: 3 MESSAGE\r\n"
+      "Max-Forwards: 70\r\n"
+      "c: text/plain\r\n"
+      "l: 5\r\n"
+      "\r\n"
+      "hello"));
+}
+
 TEST_F(SerialiseTest, PlaceholderInUserPartSurvivesRebuild) {
   NameAddr c("<sip:{x-pre-user}@{x-pre-adr}:{x-pre-port}>");
   c.uri_mutable().set_user("{x-pre-adr} a");

@@ -157,3 +157,19 @@ TEST(SipTortureTest, EveryCaseSurvivesARoundTrip) {
     }
   }
 }
+
+TEST(SipTortureTest, EveryPrefixParsesAndSerialises) {
+  for (const char* name : {"wsinv", "multipart", "compact", "esc01", "resp6"}) {
+    SCOPED_TRACE(name);
+    std::string text = read_all(torture_dir() + "/" + name + ".sip");
+    ASSERT_FALSE(text.empty());
+    for (size_t n = 0; n <= text.size(); n++) {
+      SipMessage m(String(text.data(), static_cast<int>(n)));
+      (void)m.from.uri().host();
+      (void)m.to.tag();
+      for (const NameAddr& c : m.contact) (void)c.params().size();
+      String out = message_text(m.serialise(Transport::udp), parse_local_end("192.0.2.1:5060"), "", "udp");
+      EXPECT_LE(out.length(), static_cast<int>(n) * 3 + 512);
+    }
+  }
+}
