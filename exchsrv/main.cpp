@@ -11,12 +11,21 @@
 #include "core/process.h"
 #include "core/server.h"
 #include "core/statistics.h"
+#include "core/tcp_server.h"
 #include "core/tick.h"
+<<<<<<< HEAD
 #include "store/dictionary.h"
 #include "store/first_start.h"
 #include "store/registry.h"
 #include "store/schema.h"
 #include "store/settings.h"
+=======
+#include "core/udp_socket.h"
+#include "sip/interfaces.h"
+#include "sip/listening_ports.h"
+#include "sip/sip_receive.h"
+#include "sip/sip_tcp.h"
+>>>>>>> store
 
 static void write_stderr(const String& text) {
   if (!text.empty()) {
@@ -80,6 +89,14 @@ static void register_subsystems() {
   register_start_step(StartStage::after_store, load_stats_file);
   register_start_step(StartStage::before_threads, ntp_bind);
   register_control_party(ntp_party());
+  register_start_step(StartStage::services, init_ip);
+  set_local_address_lookup(get_ip_adr);
+  register_start_step(StartStage::bind_ports, bind_sip_udp_ports);
+  register_control_party(sip_udp_party());
+  sip_tcp_register();
+  register_start_step(StartStage::bind_ports, bind_sip_tcp_ports);
+  register_control_party(tcp_connection_party());
+  register_control_party(tcp_listener_party());
 }
 
 int main(int argc, char** argv) {

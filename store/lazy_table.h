@@ -106,7 +106,8 @@ class LazyTable {
   void rebuild();
   void replay(const String& file, int bucket);
   void reconcile(int row);
-  void put_row(int row);
+  void put_row(int row, bool with_cells = true);
+  void fill_empty_cells(int bucket);
   void enter_row(int row, const String& id, const std::vector<String>& values);
   RowSet search(const String* const* columns, const String* const* values, int n) const;
   void log_no_index(const String* const* columns, const String* const* values, int n) const;
@@ -126,4 +127,5 @@ class LazyTable {
   mutable int cache_row_ = 0;
   mutable std::vector<String> cache_cells_;
   mutable String cache_key_;
+  mutable bool cache_has_file_ = false;
 };

@@ -2,14 +2,14 @@
 // reference-counted body, copied only when a shared body is about to change, so query
 // results cost a count increment to pass around.
 //
-// Small sets (most index values name one or a few rows) keep a sorted list of ids; larger
+// A set of one id lives in the handle itself; small sets keep a sorted list of ids; larger
 // ones switch to bitmaps of 256 ids keyed by block number (id / 256). Iteration asks for
 // the next id above the current one, so an iterator survives changes of the set under it.
 #pragma once
 
 #include <array>
 #include <cstdint>
-#include <map>
+#include <utility>
 #include <vector>
 
 class RowSet {
@@ -18,7 +18,7 @@ class RowSet {
 
   RowSet() = default;
   RowSet(const RowSet& o);
-  RowSet(RowSet&& o) noexcept : body_(o.body_) { o.body_ = nullptr; }
+  RowSet(RowSet&& o) noexcept : rep_(o.rep_) { o.rep_ = 0; }
   RowSet& operator=(const RowSet& o);
   RowSet& operator=(RowSet&& o) noexcept;
   ~RowSet();
@@ -45,7 +45,7 @@ class RowSet {
   bool operator==(const RowSet& o) const;
   std::vector<int> to_vector() const;
   // Whether two handles share one body (for tests of the sharing).
-  bool shares_body_with(const RowSet& o) const { return body_ && body_ == o.body_; }
+  bool shares_body_with(const RowSet& o) const { return body() && rep_ == o.rep_; }
   // Heap bytes held by the body, for statistics.
   int64_t memory() const;
 
@@ -55,14 +55,26 @@ class RowSet {
     int refs = 1;
     int count = 0;
     std::vector<int> list;         // sorted, while the set is small
-    std::map<int, Bits> blocks;    // afterwards
+    // Afterwards, sorted by block number. A vector rather than a tree: ids mostly arrive
+    // in ascending order, so new blocks go to the end, and lookups stay in one array.
+    std::vector<std::pair<int, Bits>> blocks;
   };
-  static constexpr int list_limit = 32;
+  static constexpr int list_limit = 64;
+  static constexpr int list_cap = 65536;
+  static bool list_too_big(const Body* b);
 
   Body* writable();
   void to_blocks(Body* b);
+  void release();
+  static std::vector<std::pair<int, Bits>>::const_iterator find_block(const Body* b, int block);
+  static Bits& block_for(Body* b, int block);
+  bool single() const { return rep_ & 1; }
+  int single_id() const { return static_cast<int>(rep_ >> 1); }
+  Body* body() const { return (rep_ & 1) ? nullptr : reinterpret_cast<Body*>(rep_); }
 
-  Body* body_ = nullptr;
+  // 0 for the empty set; (id << 1) | 1 for a set of one id, which is what most index
+  // values hold (a call id names one record), so that it costs no body; else a Body*.
+  uintptr_t rep_ = 0;
 };
 
 class RowSet::Iterator {

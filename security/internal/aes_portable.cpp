@@ -89,7 +89,6 @@ struct Lanes;
 
 template <>
 struct Lanes<uint64_t> {
-  static constexpr int blocks = 4;
   static void in(const uint8_t* p, uint64_t* q) {
     load_lane(p, q);
     transpose(q);
@@ -102,7 +101,6 @@ struct Lanes<uint64_t> {
 
 template <>
 struct Lanes<Lane2> {
-  static constexpr int blocks = 8;
   static void in(const uint8_t* p, Lane2* q) {
     uint64_t a[8], b[8];
     load_lane(p, a);

@@ -12,7 +12,8 @@
 namespace security_internal {
 
 struct GhashKey {
-  uint64_t hi, lo;  // H
+  uint64_t hi, lo;         // H
+  uint64_t powers[4][2];   // H^1..H^4 as (hi, lo), for four blocks per reduction
   bool pclmul;
 };
 
