@@ -13,19 +13,16 @@
 #include "core/statistics.h"
 #include "core/tcp_server.h"
 #include "core/tick.h"
-<<<<<<< HEAD
-#include "store/dictionary.h"
-#include "store/first_start.h"
-#include "store/registry.h"
-#include "store/schema.h"
-#include "store/settings.h"
-=======
 #include "core/udp_socket.h"
 #include "sip/interfaces.h"
 #include "sip/listening_ports.h"
 #include "sip/sip_receive.h"
 #include "sip/sip_tcp.h"
->>>>>>> store
+#include "store/dictionary.h"
+#include "store/first_start.h"
+#include "store/registry.h"
+#include "store/schema.h"
+#include "store/settings.h"
 
 static void write_stderr(const String& text) {
   if (!text.empty()) {
