@@ -103,3 +103,4 @@ static void BM_BackupAndRestore10000Extensions(benchmark::State& state) {
   reset_registry();
 }
 BENCHMARK(BM_BackupAndRestore10000Extensions)->Arg(0)->Arg(1)->Unit(benchmark::kMillisecond)->Iterations(3)->UseRealTime();
+BENCHMARK_MAIN();
