@@ -42,11 +42,22 @@ const Names& slot_names() {
 
 String ctrl_values[registry_size];
 String srv_values[registry_size];
+// `codec_preference` as readers see it, kept beside the raw slot so that a read costs no
+// more than any other.
+String ctrl_codecs;
+String srv_codecs;
 bool srv_finished = false;
 std::map<int, String> srv_domain_levels;
 SettingEffect effects[registry_size] = {};
 String file_name("pbx.xml");
 ParsedSettings extras;
+
+// A value with a buffer of its own. A slot that shares its buffer (with a default, or with
+// the document it was cut from) makes every read take the ring lock; a lone one does not,
+// and it does not keep a whole document alive either.
+String own_copy(const String& value) {
+  return value.empty() ? String() : String(value.c_data(), value.length());
+}
 
 // The category each `log_event_` slot sets, in slot order from 11.
 const int log_event_categories[] = {
@@ -144,13 +155,14 @@ std::vector<String> registry_defaults() {
 
 void reset_registry() {
   const Names& n = slot_names();
-  for (int i = 0; i < registry_size; i++) ctrl_values[i] = n.defaults[i];
+  for (int i = 0; i < registry_size; i++) ctrl_values[i] = own_copy(n.defaults[i]);
+  ctrl_codecs = computed_codec_preference(ctrl_values[reg_codec_preference]);
 }
 
 String ctrl_read_registry(int index) {
   must_not_own(srv_run_mutex, "ctrl_read_registry", 1);
   if (static_cast<unsigned>(index) >= static_cast<unsigned>(registry_size)) return String();
-  if (index == reg_codec_preference) return computed_codec_preference(ctrl_values[index]);
+  if (index == reg_codec_preference) return ctrl_codecs;
   return ctrl_values[index];
 }
 
@@ -158,14 +170,15 @@ String srv_read_registry(int index) {
   must_own(srv_run_mutex, "srv_read_registry", 1);
   must_not_own(ctrl_run_mutex, "srv_read_registry", 2);
   if (static_cast<unsigned>(index) >= static_cast<unsigned>(registry_size)) return String();
-  if (index == reg_codec_preference) return computed_codec_preference(srv_values[index]);
+  if (index == reg_codec_preference) return srv_codecs;
   return srv_values[index];
 }
 
 void ctrl_write_setting(int index, const String& value) {
   must_own(ctrl_run_mutex, "ctrl_write_setting", 1);
   if (static_cast<unsigned>(index) >= static_cast<unsigned>(registry_size)) return;
-  ctrl_values[index] = value;
+  ctrl_values[index] = own_copy(value);
+  if (index == reg_codec_preference) ctrl_codecs = computed_codec_preference(value);
   post_value(index, value);
 }
 
@@ -175,7 +188,8 @@ void ctrl_write_registry(int index, const String& value, bool persist) {
   // The duration restarts its count even when written with the same value.
   if (ctrl_values[index] != value || index == reg_log_duration) {
     String old = ctrl_values[index];
-    ctrl_values[index] = value;
+    ctrl_values[index] = own_copy(value);
+    if (index == reg_codec_preference) ctrl_codecs = computed_codec_preference(value);
     run_builtin_effect(index, value);
     if (effects[index]) effects[index](index, old, value);
   }
@@ -237,7 +251,9 @@ static void receive_setting(const String& value) {
     return;
   }
   int index = registry_index(name);
-  if (index < registry_size) srv_values[index] = v;
+  if (index >= registry_size) return;
+  srv_values[index] = own_copy(v);
+  if (index == reg_codec_preference) srv_codecs = computed_codec_preference(v);
 }
 
 static void receive_domain_log_level(const String& value) {
@@ -343,7 +359,8 @@ const String& settings_file() { return file_name; }
 const ParsedSettings& settings_extras() { return extras; }
 
 void apply_parsed_settings(const ParsedSettings& parsed) {
-  for (int i = 0; i < registry_size; i++) ctrl_values[i] = parsed.values[i];
+  for (int i = 0; i < registry_size; i++) ctrl_values[i] = own_copy(parsed.values[i]);
+  ctrl_codecs = computed_codec_preference(ctrl_values[reg_codec_preference]);
   extras.record_start = parsed.record_start;
   extras.record_end = parsed.record_end;
   extras.mailbox_call = parsed.mailbox_call;
