@@ -66,6 +66,20 @@ int64_t read_size(const char* field, String& text) {
   return value;
 }
 
+// The check sum field: octal digits, with blanks before them and a NUL or blank behind, as
+// the various tar writers leave it.
+int64_t read_check_sum(const char* field) {
+  int i = 0;
+  while (i < 8 && field[i] == ' ') i++;
+  int64_t value = 0;
+  int digits = 0;
+  for (; i < 8 && field[i] >= '0' && field[i] <= '7'; i++, digits++) value = value * 8 + (field[i] - '0');
+  for (; i < 8; i++) {
+    if (field[i] != ' ' && field[i] != '\0') return -1;
+  }
+  return digits ? value : -1;
+}
+
 bool safe_member_name(const String& name, String& top) {
   if (name.starts_with("/")) return false;
   String path = name.ends_with("/") ? name.head(name.length() - 1) : name;
@@ -190,8 +204,7 @@ bool check_tar(const String& archive, std::vector<TarEntry>& entries, String& er
     String name(h, n);
     unsigned sum = 0;
     for (int i = 0; i < block; i++) sum += (i >= 148 && i < 156) ? ' ' : static_cast<unsigned char>(h[i]);
-    String stored_sum;
-    int64_t stored = read_size(h + 148, stored_sum);
+    int64_t stored = read_check_sum(h + 148);
     if (stored < 0 || static_cast<unsigned>(stored) != sum) {
       error = format("Configuration: This is not a tar file %s", name);
       return false;

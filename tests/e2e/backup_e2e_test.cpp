@@ -89,5 +89,22 @@ TEST(BackupToolsTest, GnuTarAndPythonReadTheBackup) {
     if (name.back() == '/') continue;
     EXPECT_EQ(slurp(out + "/" + name), slurp(work + "/" + name)) << name;
   }
+
+  // An archive that GNU tar made from the working directory restores as well.
+  std::string gnu = dir.file("gnu.tar");
+  run("tar -C " + work + " -cf " + gnu + " pbx.xml domains extensions users user_alias 2>&1", status);
+  ASSERT_EQ(status, 0);
+  std::string fresh = dir.file("fresh");
+  ASSERT_EQ(system(("mkdir -p " + fresh).c_str()), 0);
+  ASSERT_EQ(chdir(fresh.c_str()), 0);
+  ASSERT_EQ(load_settings(String("pbx.xml")), SettingsLoad::first_start);
+  load_tables(String(), false, false);
+  bool restored = restore(read_file(String(gnu.c_str())));
+  int extensions = find_table(tbl_extensions)->row_count();
+  String password = find_table(tbl_extensions)->get(30, col_password);
+  ASSERT_EQ(chdir(cwd), 0);
+  EXPECT_TRUE(restored);
+  EXPECT_EQ(extensions, 32);
+  EXPECT_EQ(password, String("pw27"));
   reset_registry();
 }
