@@ -396,6 +396,8 @@ static void log_config(int level, const String& text) {
 SettingsLoad load_settings(const String& file) {
   file_name = file;
   reset_registry();
+  // What an interrupted rewrite left beside the file.
+  remove_file(file + temp_file_suffix, true);
   SettingsLoad result = SettingsLoad::loaded;
   String text = read_file(file, true);
   ParsedSettings parsed;

@@ -111,8 +111,10 @@ TEST(SettingsTest, ReadsOutsideTheSlotsAndTheComputedCodecList) {
 TEST(SettingsTest, FirstStartWritesEverySlotInOrderWithANewSecret) {
   TempDir dir;
   InDirectory in(dir.path());
+  ASSERT_TRUE(write_file(String("<pbx-con"), String("pbx.xml") + temp_file_suffix));
   ASSERT_EQ(load_settings(String("pbx.xml")), SettingsLoad::first_start);
   EXPECT_FALSE(file_size(String("exchsrv-test.txt")) >= 0);
+  EXPECT_EQ(file_size(String("pbx.xml") + temp_file_suffix), -1);
   String text = read_file(String("pbx.xml"));
   auto kids = children(text);
   ASSERT_EQ(kids.size(), static_cast<size_t>(registry_size));
