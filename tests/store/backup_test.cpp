@@ -219,3 +219,32 @@ TEST(BackupTest, ReadTarKeepsWhatItReadBeforeABadEntry) {
   EXPECT_EQ(files[String("a/1.xml")], String("one"));
   EXPECT_TRUE(log.contains("Configuration: Cannot read tar file a/2.xml"));
 }
+
+// Random damage to a good archive: the check never reads outside it, and whatever it
+// accepts stays inside the working directory.
+TEST(BackupTest, DamagedArchivesAreCheckedSafely) {
+  TarWriter tar(0, 0);
+  ASSERT_TRUE(tar.tar_add_file(String("pbx.xml"), String("<pbx-config></pbx-config>")));
+  ASSERT_TRUE(tar.tar_add_directory(String("domains")));
+  ASSERT_TRUE(tar.tar_add_file(String("domains/1.xml"), String::repeat('r', 700)));
+  String good = tar.finish();
+  std::mt19937 rng(7);
+  for (int round = 0; round < 3000; round++) {
+    String bad = good;
+    char* p = bad.writable_data();
+    int flips = 1 + static_cast<int>(rng() % 4);
+    for (int i = 0; i < flips; i++) p[rng() % bad.length()] = static_cast<char>(rng());
+    if (round % 5 == 0) bad = bad.head(static_cast<int>(rng() % bad.length()));
+    std::vector<TarEntry> entries;
+    String error;
+    if (!check_tar(bad, entries, error)) {
+      EXPECT_TRUE(error.starts_with("Configuration: ")) << round;
+      continue;
+    }
+    for (const TarEntry& e : entries) {
+      EXPECT_FALSE(e.name.starts_with("/")) << round;
+      EXPECT_LT(e.name.find(".."), 0) << round;
+      EXPECT_LE(e.content.length(), bad.length());
+    }
+  }
+}
