@@ -5,7 +5,9 @@
 
 #include "core/files.h"
 #include "core/format.h"
+#include "core/xml.h"
 #include "store/cell_cipher.h"
+#include "store/domain_backup.h"
 #include "store/names.h"
 #include "store/registry.h"
 #include "store/schema.h"
@@ -247,4 +249,80 @@ TEST(BackupTest, DamagedArchivesAreCheckedSafely) {
       EXPECT_LE(e.content.length(), bad.length());
     }
   }
+}
+
+TEST(DomainBackupTest, DocumentNamesReferencesAndHoldsAccountsPlansAndGroups) {
+  TempDir dir;
+  InDirectory in(dir.path());
+  ASSERT_NE(load_settings(String("pbx.xml")), SettingsLoad::fs_failed);
+  load_tables(String(), false, false);
+  Table* domains = find_table(tbl_domains);
+  Table* plans = find_table(tbl_dial_plan);
+  Table* entries = find_table(tbl_dial_plan_entry);
+  Table* users = find_table(tbl_users);
+  Table* aliases = find_table(tbl_user_alias);
+  Table* ext = find_table(tbl_extensions);
+  Table* groups = find_table(tbl_groups);
+  Table* members = find_table(tbl_group_members);
+  int other = domains->create_row();
+  domains->set(other, col_name, String("other.com"));
+  int d = domains->create_row();
+  int plan = plans->create_row();
+  plans->set(plan, col_name, String("Default"));
+  plans->set(plan, col_domain, String(d));
+  int entry = entries->create_row();
+  entries->set(entry, col_id, String(plan));
+  entries->set(entry, String("pattern"), String("9*"));
+  domains->set(d, col_name, String("a&b.com"));
+  domains->set(d, col_default_dialplan, String(plan));
+  int da = find_table(tbl_domain_alias)->create_row();
+  find_table(tbl_domain_alias)->set(da, col_domain, String(d));
+  find_table(tbl_domain_alias)->set(da, col_name, String("alias.a.com"));
+  int e = ext->create_row();
+  ext->set(e, String("first_name"), String("Ann"));
+  int u = users->create_row();
+  users->set(u, col_alias, String("40"));
+  users->set(u, col_domain, String(d));
+  users->set(u, col_type, tbl_extensions);
+  users->set(u, col_id, String(e));
+  for (const char* name : {"40", "ann", "+4930123"}) {
+    int a = aliases->create_row();
+    aliases->set(a, col_user, String(u));
+    aliases->set(a, col_name, String(name));
+    if (String(name).starts_with("+")) aliases->set(a, col_trunk, String("1"));
+  }
+  int strange = users->create_row();
+  users->set(strange, col_domain, String(d));
+  users->set(strange, col_type, String("no_such_kind"));
+  int g = groups->create_row();
+  groups->set(g, col_name, String("sales"));
+  groups->set(g, col_domain, String(d));
+  int m = members->create_row();
+  members->set(m, col_ref, String(g));
+  members->set(m, col_user, String(u));
+  members->set(m, col_sort, String("1"));
+
+  LogCapture log;
+  String doc = domain_document(d);
+  EXPECT_TRUE(log.contains("Cannot serialize type no_such_kind"));
+  EXPECT_TRUE(doc.starts_with("<?xml version=\"1.0\"?>\r\n<domain version=\"68.0.22\">"));
+  const char* parts[] = {"<name>a&amp;b.com</name>", "<default_dialplan>Default</default_dialplan>",
+                         "<alias>alias.a.com</alias>", "<extensions><primary-name>40</primary-name>",
+                         "<alias-name>ann</alias-name>", "<did>+4930123</did>", "<first_name>Ann</first_name>",
+                         "<dial_plan><name>Default</name><dial_plan_entry><pattern>9*</pattern></dial_plan_entry>",
+                         "<group><name>sales</name><member><user>40</user><sort>1</sort></member></group>"};
+  for (const char* p : parts) EXPECT_GE(doc.find(String(p)), 0) << p << "\n" << to_std(doc);
+  EXPECT_EQ(doc.find("other.com"), -1);
+  XmlNode root(doc, true);
+  EXPECT_EQ(root.name(), String("domain"));
+
+  String archive;
+  make_domain_backup(d, archive);
+  std::map<String, String> files;
+  read_tar(archive, files);
+  EXPECT_EQ(files[String("domain.xml")], doc);
+  make_domain_backup(999, archive);
+  EXPECT_TRUE(archive.empty());
+  for (Table* t : {domains, plans, entries, users, aliases, ext, groups, members, find_table(tbl_domain_alias)}) t->clear();
+  reset_registry();
 }
