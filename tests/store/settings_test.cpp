@@ -249,6 +249,7 @@ TEST(SettingsTest, WritesPersistPostAndRunTheirEffects) {
 
   static int effect_calls = 0;
   static String effect_old, effect_new;
+  effect_calls = 0;
   set_setting_effect(reg_dns_server, [](int, const String& o, const String& v) {
     effect_calls++;
     effect_old = o;
