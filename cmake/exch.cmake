@@ -40,8 +40,7 @@ function(exch_test name)
   cmake_parse_arguments(A "" "" "DEPS;LABELS" ${ARGN})
   add_executable(${name} ${A_UNPARSED_ARGUMENTS})
   target_link_libraries(${name} PRIVATE ${A_DEPS} exch_test_support GTest::gtest GTest::gtest_main)
-  gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST
-    PROPERTIES LABELS "unit;${A_LABELS}" ENVIRONMENT "EXCH_SOURCE_DIR=${PROJECT_SOURCE_DIR}")
+  gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST PROPERTIES LABELS "unit;${A_LABELS}")
 endfunction()
 
 # exch_e2e(name source... [DEPS libs...]): tests that start the daemon or drive a real peer.
@@ -49,15 +48,14 @@ function(exch_e2e name)
   cmake_parse_arguments(A "" "" "DEPS" ${ARGN})
   add_executable(${name} ${A_UNPARSED_ARGUMENTS})
   target_link_libraries(${name} PRIVATE ${A_DEPS} exch_test_support GTest::gtest GTest::gtest_main)
-  gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST
-    PROPERTIES LABELS "e2e" ENVIRONMENT "EXCH_SOURCE_DIR=${PROJECT_SOURCE_DIR};EXCH_BINARY_DIR=${PROJECT_BINARY_DIR}")
+  gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST PROPERTIES LABELS "e2e")
 endfunction()
 
 # exch_script_test(name command...): a test driven by a script (oracles in Python, shell peers).
 function(exch_script_test name)
   add_test(NAME ${name} COMMAND ${ARGN})
   set_tests_properties(${name} PROPERTIES LABELS "unit;oracle"
-    ENVIRONMENT "EXCH_SOURCE_DIR=${PROJECT_SOURCE_DIR};EXCH_BINARY_DIR=${PROJECT_BINARY_DIR}")
+    ENVIRONMENT "EXCH_SOURCE_DIR=${PROJECT_SOURCE_DIR}")
 endfunction()
 
 # exch_fuzz(name source [DEPS libs...]): a libFuzzer target under clang with EXCH_FUZZ;

@@ -51,6 +51,13 @@ void format(String& out, const char* tmpl, const A&... args) {
   format_slots(out, tmpl, slots, static_cast<int>(sizeof...(A)));
 }
 
+// A template that comes from a file or a setting rather than the code.
+template <class... A>
+void format(String& out, const String& tmpl, const A&... args) {
+  const FormatSlot slots[sizeof...(A) + 1] = {FormatSlot(args)..., FormatSlot(0)};
+  format_slots(out, tmpl, slots, static_cast<int>(sizeof...(A)));
+}
+
 template <class... A>
 String format(const char* tmpl, const A&... args) {
   String out;

@@ -45,6 +45,8 @@ std::atomic<uint64_t> bytes_given_back{0};
 std::atomic<uint64_t> pooled_capacity{0};
 std::atomic<uint64_t> outside_blocks{0};
 
+thread_local int64_t thread_bytes = 0;
+
 StringBuffer* take_outside(size_t n) {
   size_t rounded = (n + 32767) & ~size_t{32767};
   auto* b = static_cast<StringBuffer*>(malloc(sizeof(StringBuffer) + rounded));
@@ -127,6 +129,7 @@ StringBuffer* pool_take(size_t n, const void* owner) {
     row.lock.unlock();
 #endif
   }
+  thread_bytes += static_cast<int64_t>(b->capacity);
   b->free_next = nullptr;
   b->owner = owner;
   b->flags.store(0, std::memory_order_relaxed);
@@ -135,6 +138,7 @@ StringBuffer* pool_take(size_t n, const void* owner) {
 
 void pool_give(StringBuffer* b) {
   if (!b) return;
+  thread_bytes -= static_cast<int64_t>(b->capacity);
   if (b->pool_class == pool_outside) {
     bytes_given_back += sizeof(StringBuffer) + b->capacity;
     outside_blocks--;
@@ -194,6 +198,8 @@ PoolCounters pool_counters() {
   return {bytes_taken.load(), bytes_given_back.load(), pooled_capacity.load(),
           outside_blocks.load()};
 }
+
+int64_t pool_thread_bytes() { return thread_bytes; }
 
 void pool_class_counts(int c, uint64_t& total, uint64_t& free_now) {
   total = free_now = 0;

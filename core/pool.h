@@ -46,5 +46,8 @@ struct PoolCounters {
   uint64_t outside_blocks;     // live blocks outside the pools
 };
 PoolCounters pool_counters();
+// Bytes of block capacity taken less given back by the calling thread: what a piece of
+// work added to the memory of the process.
+int64_t pool_thread_bytes();
 // Blocks ever carved for a class, and how many of them are free now.
 void pool_class_counts(int pool_class, uint64_t& total, uint64_t& free_now);

@@ -36,13 +36,6 @@ bool log_size_refused(int64_t n) {
 
 const char* String::data() const { return buffer_ ? buffer_->data() + begin_ : &empty_byte; }
 
-void String::adopt(StringBuffer* b, int length) {
-  buffer_ = b;
-  begin_ = 0;
-  end_ = length;
-  next_ = prev_ = this;
-}
-
 String::String(const char* text) : String() {
   if (text) {
     size_t n = strlen(text);
@@ -122,21 +115,42 @@ String String::bytes(char a, char b, char c, char d) {
 
 // --- the ring ------------------------------------------------------------------------
 
+namespace {
+constexpr auto relaxed = std::memory_order_relaxed;
+constexpr auto release_order = std::memory_order_release;
+}  // namespace
+
+void String::adopt(StringBuffer* b, int length) {
+  buffer_ = b;
+  begin_ = 0;
+  end_ = length;
+  next_.store(this, relaxed);
+  prev_.store(this, relaxed);
+}
+
 void String::release() {
   if (buffer_) {
     StringBuffer* b = buffer_;
-    SpinLock& l = ring_lock(b);
-    l.lock();
-    bool alone = next_ == this;
-    if (!alone) {
-      prev_->next_ = next_;
-      next_->prev_ = prev_;
+    bool last = alone();
+    if (!last) {
+      SpinLock& l = ring_lock(b);
+      l.lock();
+      String* n = next_.load(relaxed);
+      String* p = prev_.load(relaxed);
+      last = n == this;
+      if (!last) {
+        // The forward link last: a sharer that finds itself alone through it also
+        // sees its backward link already mended.
+        n->prev_.store(p, release_order);
+        p->next_.store(n, release_order);
+      }
+      l.unlock();
     }
-    l.unlock();
-    if (alone) pool_give(b);
+    if (last) pool_give(b);
     buffer_ = nullptr;
   }
-  next_ = prev_ = this;
+  next_.store(this, relaxed);
+  prev_.store(this, relaxed);
   begin_ = end_ = 0;
 }
 
@@ -148,14 +162,9 @@ void String::maybe_repack() const {
   String* self = const_cast<String*>(this);
   StringBuffer* b = buffer_;
   uint32_t c = b->pool_class;
-  if (c == 0 || (b->flags.load(std::memory_order_relaxed) & buffer_pinned)) return;
+  if (c == 0 || (b->flags.load(relaxed) & buffer_pinned)) return;
   size_t span = static_cast<size_t>(end_ - begin_);
-  if (span > pool_class_size(static_cast<int>(c) - 1)) return;
-  SpinLock& l = ring_lock(b);
-  l.lock();
-  bool alone = next_ == this;
-  l.unlock();
-  if (!alone) return;
+  if (span > pool_class_size(static_cast<int>(c) - 1) || !alone()) return;
   StringBuffer* nb = pool_take(span, this);
   memcpy(nb->data(), b->data() + begin_, span);
   pool_give(b);
@@ -169,14 +178,23 @@ void String::share_from(const String& src, int from, int to) {
   if (from >= to || !src.buffer_) return;
   src.maybe_repack();
   StringBuffer* b = src.buffer_;
-  SpinLock& l = ring_lock(b);
-  l.lock();
+  String* s = const_cast<String*>(&src);
+  if (src.alone()) {
+    next_.store(s, relaxed);
+    prev_.store(s, relaxed);
+    s->prev_.store(this, release_order);
+    s->next_.store(this, release_order);
+  } else {
+    SpinLock& l = ring_lock(b);
+    l.lock();
+    String* n = s->next_.load(relaxed);
+    next_.store(n, relaxed);
+    prev_.store(s, relaxed);
+    n->prev_.store(this, release_order);
+    s->next_.store(this, release_order);
+    l.unlock();
+  }
   buffer_ = b;
-  next_ = src.next_;
-  prev_ = const_cast<String*>(&src);
-  src.next_->prev_ = this;
-  const_cast<String&>(src).next_ = this;
-  l.unlock();
   begin_ = src.begin_ + from;
   end_ = src.begin_ + to;
 }
@@ -202,22 +220,31 @@ String& String::operator=(String&& o) noexcept {
   release();
   if (!o.buffer_) return *this;
   StringBuffer* b = o.buffer_;
-  SpinLock& l = ring_lock(b);
-  l.lock();
-  if (o.next_ == &o) {
-    next_ = prev_ = this;
+  if (o.alone()) {
+    next_.store(this, relaxed);
+    prev_.store(this, relaxed);
   } else {
-    next_ = o.next_;
-    prev_ = o.prev_;
-    prev_->next_ = this;
-    next_->prev_ = this;
+    SpinLock& l = ring_lock(b);
+    l.lock();
+    String* n = o.next_.load(relaxed);
+    String* p = o.prev_.load(relaxed);
+    if (n == &o) {
+      next_.store(this, relaxed);
+      prev_.store(this, relaxed);
+    } else {
+      next_.store(n, relaxed);
+      prev_.store(p, relaxed);
+      n->prev_.store(this, release_order);
+      p->next_.store(this, release_order);
+    }
+    l.unlock();
   }
-  l.unlock();
   buffer_ = b;
   begin_ = o.begin_;
   end_ = o.end_;
   o.buffer_ = nullptr;
-  o.next_ = o.prev_ = &o;
+  o.next_.store(&o, relaxed);
+  o.prev_.store(&o, relaxed);
   o.begin_ = o.end_ = 0;
   return *this;
 }
@@ -229,7 +256,7 @@ int String::sharers() const {
   SpinLock& l = ring_lock(buffer_);
   l.lock();
   int n = 1;
-  for (const String* s = next_; s != this; s = s->next_) n++;
+  for (const String* s = next_.load(relaxed); s != this; s = s->next_.load(relaxed)) n++;
   l.unlock();
   return n;
 }
@@ -250,11 +277,7 @@ char* String::grow(int extra, bool pin) {
     return scratch_byte;
   }
   if (buffer_) {
-    SpinLock& l = ring_lock(buffer_);
-    l.lock();
-    bool alone = next_ == this;
-    l.unlock();
-    if (alone && static_cast<size_t>(end_) + static_cast<size_t>(extra) <= buffer_->capacity) {
+    if (alone() && static_cast<size_t>(end_) + static_cast<size_t>(extra) <= buffer_->capacity) {
       end_ += extra;
       if (pin) buffer_->flags.fetch_or(buffer_pinned, std::memory_order_relaxed);
       return buffer_->data() + begin_;
@@ -446,16 +469,16 @@ int String::find_last(char c) const {
 // --- substrings ------------------------------------------------------------------------
 
 String String::substr(int pos, int len) const {
+  // One named result, so that the compiler builds it in place: a move would cost a
+  // second trip through the ring lock.
   String s;
   int n = length();
   if (pos < 0) {
     len += pos;
     pos = 0;
   }
-  if (len <= 0 || pos >= n) return s;
   if (len > n - pos) len = n - pos;
-  if (pos == 0 && len == n) return *this;
-  s.share_from(*this, pos, pos + len);
+  if (len > 0 && pos < n) s.share_from(*this, pos, pos + len);
   return s;
 }
 

@@ -4,6 +4,7 @@
 // no bytes. See core/README.md for the threading rules.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <cstddef>
 #include <vector>
@@ -138,10 +139,17 @@ class String {
   void adopt(StringBuffer* b, int length);
   char* grow(int extra, bool pin);
   void maybe_repack() const;
+  // True when no other String shares the buffer. Another thread can then not reach the
+  // ring at all, so the owner may change it without the lock.
+  bool alone() const {
+    return next_.load(std::memory_order_acquire) == this && prev_.load(std::memory_order_acquire) == this;
+  }
 
   StringBuffer* buffer_;
-  String* next_;
-  String* prev_;
+  // Ring links. Changed under the ring lock, or by the sole owner of a lone String;
+  // atomic so that the lone test needs no lock.
+  mutable std::atomic<String*> next_;
+  mutable std::atomic<String*> prev_;
   int32_t begin_;
   int32_t end_;
 };

@@ -1,16 +1,76 @@
-#include <cstdio>
-#include <cstring>
+// The daemon: command line, detaching and respawning, the start-up sequence, and the
+// wiring of every subsystem into the hooks of the server loop.
+#include <unistd.h>
 
-#include "core/version.h"
+#include <cstdio>
+
+#include "core/command_line.h"
+#include "core/format.h"
+#include "core/log.h"
+#include "core/ntp_server.h"
+#include "core/process.h"
+#include "core/server.h"
+#include "core/statistics.h"
+#include "core/tick.h"
+
+static void write_stderr(const String& text) {
+  if (!text.empty()) {
+    ssize_t n = write(2, text.c_data(), static_cast<size_t>(text.length()));
+    (void)n;
+  }
+}
+
+static void log_line(int level, const String& text) {
+  if (log_enabled(LOG_GENERAL, level)) log_add_message_global(LOG_GENERAL, level, 0, text);
+}
+
+static void apply_log_override() {
+  if (startup_options.log_level < 0) return;
+  for (int c = 0; c < log_categories; c++) log_set_level(c, startup_options.log_level);
+}
+
+static void register_subsystems() {
+  register_start_step(StartStage::apply_overrides, apply_log_override);
+  register_start_step(StartStage::after_store, load_stats_file);
+  register_start_step(StartStage::before_threads, ntp_bind);
+  register_control_party(ntp_party());
+}
 
 int main(int argc, char** argv) {
-  for (int i = 1; i < argc; i++) {
-    if (strcmp(argv[i], "--version") == 0) {
-      fprintf(stderr, "Version: %s %s\nDate: %s\n", exch_version, exch_product, exch_build_date);
-      return 0;
-    }
-  }
-  // The server loop is not built yet: for now the daemon reports what it is and stops.
-  fprintf(stderr, "Version: %s %s\nDate: %s\n", exch_version, exch_product, exch_build_date);
-  return 0;
+  String err;
+  CommandLineResult result = parse_command_line(argc, argv, startup_options, err);
+  write_stderr(err);
+  if (result == CommandLineResult::version) return 0;
+  if (result == CommandLineResult::error) return 1;
+
+  if (startup_options.daemon) detach_process(startup_options);
+  else write_stderr(String("Starting up\n"));
+  if (startup_options.respawn) respawn_forever(respawn_arguments(argc, argv, self_executable()));
+
+  seed_c_random();
+  system_log_open();
+  system_log_notice(String("Starting up"));
+  measure_clock_precision();
+  ignore_signals();
+  set_resource_limits(startup_options.core_dumps);
+  if (startup_options.use_ipv6 && !ipv6_available()) startup_options.use_ipv6 = false;
+
+  register_subsystems();
+  log_on = true;
+  if (!startup_options.daemon) log_to_terminal(true);
+
+  Tick load_start = Tick::now();
+  run_start_steps(StartStage::load_store);
+  run_start_steps(StartStage::sanity_check);
+  run_start_steps(StartStage::load_scripts);
+  run_start_steps(StartStage::apply_overrides);
+  log_line(1, String("Starting up version 68.0.22"));
+  int64_t took = sec(Tick::now(), load_start);
+  if (took >= 10) log_line(1, format("Starting up took %s seconds", String(static_cast<int>(took))));
+  run_start_steps(StartStage::after_store);
+  run_start_steps(StartStage::services);
+  log_line(8, format("Scheduler precision is %d us", scheduler_precision()));
+  char cwd[1024];
+  if (getcwd(cwd, sizeof cwd)) log_line(5, format("Working Directory is %s", cwd));
+  run_server();
 }

@@ -69,7 +69,5 @@ void LogCapture::clear() {
   captured.clear();
 }
 
-std::string source_dir() {
-  const char* d = getenv("EXCH_SOURCE_DIR");
-  return d ? d : ".";
-}
+std::string source_dir() { return EXCH_SOURCE_DIR; }
+std::string binary_dir() { return EXCH_BINARY_DIR; }

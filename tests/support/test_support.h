@@ -33,5 +33,6 @@ class LogCapture {
   void clear();
 };
 
-// Root of the source tree, for data files of the tests.
+// Root of the source tree, for data files of the tests, and of this build's binaries.
 std::string source_dir();
+std::string binary_dir();

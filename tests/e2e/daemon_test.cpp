@@ -1,0 +1,89 @@
+// The daemon's command line, detaching and respawning, driven through the real binary.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <sstream>
+
+#include "tests/e2e/daemon_runner.h"
+#include "tests/support/test_support.h"
+
+static std::string slurp(const std::string& path) {
+  std::ifstream f(path);
+  std::stringstream s;
+  s << f.rdbuf();
+  return s.str();
+}
+
+// Waits up to `seconds` for the condition, checking ten times a second.
+template <class F>
+static bool eventually(F condition, int seconds) {
+  for (int i = 0; i < seconds * 10; i++) {
+    if (condition()) return true;
+    usleep(100000);
+  }
+  return condition();
+}
+
+TEST(DaemonCommandLineTest, VersionAndErrors) {
+  RunResult v = run_daemon({"--version"});
+  EXPECT_EQ(v.exit_code, 0);
+  EXPECT_EQ(v.err, "Version: 68.0.22 Qomra mini PBX (MIPS)\nDate: Sep  9 2022\n");
+
+  for (auto args : std::vector<std::vector<std::string>>{{"--bogus"}, {"--dir"}, {"--no-daemon", "--log"}}) {
+    RunResult r = run_daemon(args);
+    EXPECT_EQ(r.exit_code, 1) << args.back();
+    EXPECT_EQ(r.err.rfind("Error parsing " + args.back() + "\nusage: exchsrv\r\n", 0), 0u) << r.err;
+    EXPECT_NE(r.err.find("--http-port <n>: set http port\r\n"), std::string::npos);
+    EXPECT_EQ(r.err.size() - r.err.rfind("--version: report version\r\n"),
+              std::string("--version: report version\r\n").size());
+  }
+}
+
+TEST(DaemonProcessTest, DetachesAndWritesPidFile) {
+  TempDir dir;
+  std::string pidfile = dir.file("pid");
+  RunResult r = run_daemon({"--pidfile", pidfile, "--dir", dir.path()});
+  EXPECT_EQ(r.exit_code, 0);
+  std::string text = slurp(pidfile);
+  ASSERT_FALSE(text.empty());
+  EXPECT_EQ(text.find('\n'), std::string::npos);
+  pid_t pid = std::stoi(text);
+  EXPECT_TRUE(process_alive(pid));
+  kill(pid, SIGKILL);
+  EXPECT_TRUE(eventually([&] { return !process_alive(pid); }, 5));
+}
+
+TEST(DaemonProcessTest, MissingDirectoryIsReportedAndStartUpGoesOn) {
+  TempDir dir;
+  DaemonProcess d({"--no-daemon", "--dir", dir.file("missing")}, dir.file("err"));
+  EXPECT_TRUE(eventually([&] { return slurp(dir.file("err")).find("Starting up") != std::string::npos; }, 10));
+  EXPECT_NE(slurp(dir.file("err")).find("Could not change directory to " + dir.file("missing")), std::string::npos);
+  EXPECT_TRUE(d.alive());
+}
+
+TEST(DaemonProcessTest, RespawnRestartsAKilledServer) {
+  TempDir dir;
+  std::string pidfile = dir.file("pid");
+  RunResult r = run_daemon({"--respawn", "--pidfile", pidfile, "--dir", dir.path()});
+  ASSERT_EQ(r.exit_code, 0);
+  pid_t respawner = std::stoi(slurp(pidfile));
+  pid_t first = 0;
+  ASSERT_TRUE(eventually([&] {
+    auto c = children_of(respawner);
+    if (!c.empty()) first = c[0];
+    return first != 0;
+  }, 10));
+  kill(first, SIGKILL);
+  pid_t second = 0;
+  bool back = eventually([&] {
+    auto c = children_of(respawner);
+    if (!c.empty() && c[0] != first) second = c[0];
+    return second != 0;
+  }, 15);
+  kill(respawner, SIGKILL);
+  if (second) kill(second, SIGKILL);
+  for (pid_t c : children_of(respawner)) kill(c, SIGKILL);
+  EXPECT_TRUE(back) << "no new server after the first was killed";
+}
