@@ -11,7 +11,13 @@
 #include "core/process.h"
 #include "core/server.h"
 #include "core/statistics.h"
+#include "core/tcp_server.h"
 #include "core/tick.h"
+#include "core/udp_socket.h"
+#include "sip/interfaces.h"
+#include "sip/listening_ports.h"
+#include "sip/sip_receive.h"
+#include "sip/sip_tcp.h"
 
 static void write_stderr(const String& text) {
   if (!text.empty()) {
@@ -34,6 +40,14 @@ static void register_subsystems() {
   register_start_step(StartStage::after_store, load_stats_file);
   register_start_step(StartStage::before_threads, ntp_bind);
   register_control_party(ntp_party());
+  register_start_step(StartStage::services, init_ip);
+  set_local_address_lookup(get_ip_adr);
+  register_start_step(StartStage::bind_ports, bind_sip_udp_ports);
+  register_control_party(sip_udp_party());
+  sip_tcp_register();
+  register_start_step(StartStage::bind_ports, bind_sip_tcp_ports);
+  register_control_party(tcp_connection_party());
+  register_control_party(tcp_listener_party());
 }
 
 int main(int argc, char** argv) {

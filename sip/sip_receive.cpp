@@ -7,7 +7,7 @@
 #include "core/statistics.h"
 #include "core/tagged_text.h"
 #include "core/udp_socket.h"
-#include "sip/access_hooks.h"
+#include "core/access_hooks.h"
 #include "sip/listening_ports.h"
 #include "sip/stun.h"
 

@@ -1,4 +1,4 @@
-#include "sip/access_hooks.h"
+#include "core/access_hooks.h"
 
 static AclCheck check_hook = nullptr;
 static AclPenalty penalty_hook = nullptr;

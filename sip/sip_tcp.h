@@ -1,0 +1,13 @@
+// SIP over TCP connections of the control loop: cutting messages out of the stream,
+// keep-alives, STUN frames, and the idle limits that the service half asks for.
+#pragma once
+
+#include "core/tcp_server.h"
+
+enum { tag_idle_limit = 67, tag_seconds = 48 };
+
+void sip_tcp_input(TcpConnection& c, const String& bytes, Tick now);
+// Applies `ip_sip_tcp_port` to the SIP listeners.
+void bind_sip_tcp_ports();
+// Registers the kind handler and the handler of idle-limit requests (message 67).
+void sip_tcp_register();
