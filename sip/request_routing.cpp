@@ -155,6 +155,8 @@ void receive_packet(const ReceivedPacket& packet) {
   }
   SipMessage m(packet.text);
   m.socket_key = packet.socket_key;
+  m.source = packet.source;
+  m.local = packet.local;
   m.connection_id = packet.connection_id;
   m.transport = transport == "tcp" ? Transport::tcp : transport == "tls" ? Transport::tls : Transport::udp;
   m.transport_authenticated = m.web_client = packet.transport == "ws";
@@ -238,8 +240,7 @@ void travel_forward(SipMessage& m) {
     reply(m, 403, "Authentication Required");
   } else if (m.method == method_options) {
     bool registered = false;
-    Address source(parse_adr(m.received), 0);
-    if (routing_hooks.source_registered) registered = routing_hooks.source_registered(source);
+    if (routing_hooks.source_registered) registered = routing_hooks.source_registered(m.source);
     if (sip_setting(String("out_of_dialog_options")) == "true" || registered) {
       SipMessage r(200, String("Ok"), m);
       r.add_header(String("Allow"), allow_methods);
