@@ -16,7 +16,9 @@
 #include "core/udp_socket.h"
 #include "sip/interfaces.h"
 #include "sip/listening_ports.h"
+#include "sip/request_routing.h"
 #include "sip/sip_receive.h"
+#include "sip/sip_send.h"
 #include "sip/sip_tcp.h"
 #include "store/dictionary.h"
 #include "store/first_start.h"
@@ -91,6 +93,8 @@ static void register_subsystems() {
   register_start_step(StartStage::bind_ports, bind_sip_udp_ports);
   register_control_party(sip_udp_party());
   sip_tcp_register();
+  sip_send_register();
+  request_routing_register();
   register_start_step(StartStage::bind_ports, bind_sip_tcp_ports);
   register_control_party(tcp_connection_party());
   register_control_party(tcp_listener_party());
