@@ -19,6 +19,7 @@
 #include "sip/request_routing.h"
 #include "sip/sip_receive.h"
 #include "sip/sip_send.h"
+#include "sip/sip_hooks.h"
 #include "sip/sip_tcp.h"
 #include "store/dictionary.h"
 #include "store/first_start.h"
@@ -45,6 +46,9 @@ static void apply_log_override() {
 static String read_setting_by_name(const char* name) {
   return ctrl_read_registry(registry_index(String(name)));
 }
+
+// The message layer runs in the service half and reads that half's mirror.
+static String read_service_setting(const String& name) { return srv_read_registry(registry_index(name)); }
 
 [[noreturn]] static void fatal(const char* text) {
   write_stderr(String(text));
@@ -80,6 +84,7 @@ static void apply_port_overrides() {
 
 static void register_subsystems() {
   set_setting_reader(read_setting_by_name);
+  sip_hooks.setting = read_service_setting;
   register_settings_handlers();
   register_start_step(StartStage::load_store, load_store);
   register_start_step(StartStage::apply_overrides, apply_log_override);
