@@ -36,7 +36,7 @@ const String* LazyTable::Index::value_of(int row) const {
 void LazyTable::Index::put(int row, const String& given) {
   String value = given;  // `given` may be the very key that drop() erases
   drop(row);
-  auto it = rows.try_emplace(value).first;
+  ValueIndex::Entry* it = &rows.entry(value);
   it->second.add(row);
   size_t page = static_cast<size_t>(row) / page_rows;
   if (page >= pages.size()) pages.resize(page + 1);
@@ -50,9 +50,9 @@ void LazyTable::Index::put(int row, const String& given) {
 void LazyTable::Index::drop(int row) {
   const String* value = value_of(row);
   if (!value) return;
-  auto it = rows.find(*value);
-  it->second.remove(row);
-  if (it->second.empty()) rows.erase(it);
+  RowSet* set = rows.find(*value);
+  set->remove(row);
+  if (set->empty()) rows.erase(*value);
   pages[static_cast<size_t>(row) / page_rows][row % page_rows] = nullptr;
 }
 
@@ -565,8 +565,8 @@ RowSet LazyTable::search(const String* const* columns, const String* const* valu
       log_no_index(columns, values, n);
       return RowSet();
     }
-    auto it = indices_[c]->rows.find(*values[i]);
-    sets[i] = it == indices_[c]->rows.end() ? &none : &it->second;
+    const RowSet* found = indices_[c]->rows.find(*values[i]);
+    sets[i] = found ? found : &none;
   }
   RowSet out = *sets[0];
   for (int i = 1; i < n; i++) out = RowSet::intersect(out, *sets[i]);

@@ -10,6 +10,7 @@
 
 #include "core/string.h"
 #include "store/row_set.h"
+#include "store/value_index.h"
 
 class LazyTable {
  public:
@@ -82,7 +83,7 @@ class LazyTable {
   // Value to rows, and row to value: the row side points at the key of the map entry, so
   // a row costs one pointer per indexed column.
   struct Index {
-    std::map<String, RowSet> rows;
+    ValueIndex rows;
     std::vector<std::unique_ptr<const String*[]>> pages;  // 1024 rows per page
     const String* value_of(int row) const;
     void put(int row, const String& value);

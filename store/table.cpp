@@ -175,7 +175,7 @@ RowSet Table::all_rows() const {
 
 void Table::index_row(int row, const Row& r) {
   for (int c = 0; c < column_count(); c++) {
-    if (indices_[c]) (*indices_[c])[row_cell(r, c)].add(row);
+    if (indices_[c]) indices_[c]->entry(row_cell(r, c)).second.add(row);
   }
   if (!r.id.empty()) keys_[r.id] = row;
 }
@@ -183,10 +183,11 @@ void Table::index_row(int row, const Row& r) {
 void Table::unindex_row(int row, const Row& r) {
   for (int c = 0; c < column_count(); c++) {
     if (!indices_[c]) continue;
-    auto it = indices_[c]->find(row_cell(r, c));
-    if (it == indices_[c]->end()) continue;
-    it->second.remove(row);
-    if (it->second.empty()) indices_[c]->erase(it);
+    const String& value = row_cell(r, c);
+    RowSet* set = indices_[c]->find(value);
+    if (!set) continue;
+    set->remove(row);
+    if (set->empty()) indices_[c]->erase(value);
   }
   if (!r.id.empty()) {
     auto it = keys_.find(r.id);
@@ -203,12 +204,11 @@ void Table::set_cell(int row, Row& r, int column, const String& value) {
   r.dirty = true;
   if (indices_[column]) {
     Index& index = *indices_[column];
-    auto old_entry = index.find(old);
-    if (old_entry != index.end()) {
-      old_entry->second.remove(row);
-      if (old_entry->second.empty()) index.erase(old_entry);
+    if (RowSet* set = index.find(old)) {
+      set->remove(row);
+      if (set->empty()) index.erase(old);
     }
-    index[value].add(row);
+    index.entry(value).second.add(row);
   }
   if (value.empty()) {
     r.columns.erase(it);
@@ -442,8 +442,8 @@ int Table::search(const Cond* conds, int n, bool first_only, RowSet* out) const 
   for (int i = 0; i < n; i++) {
     const Index* index = indices_[conds[i].column].get();
     if (!index) continue;
-    auto it = index->find(*conds[i].value);
-    const RowSet* set = it == index->end() ? &none : &it->second;
+    const RowSet* set = index->find(*conds[i].value);
+    if (!set) set = &none;
     if (!driver || set->size() < driver->size()) driver = set;
   }
   int found = 0;
@@ -540,9 +540,9 @@ int Table::same(int row, const String* const* columns, int n, bool forward) cons
   for (int i = 0; i < n; i++) {
     const Index* index = indices_[conds[i].column].get();
     if (!index) continue;
-    auto it = index->find(*conds[i].value);
-    if (it == index->end()) return 0;
-    const RowSet& set = it->second;
+    const RowSet* found = index->find(*conds[i].value);
+    if (!found) return 0;
+    const RowSet& set = *found;
     for (int k = forward ? set.next(row) : set.prev(row); k > 0; k = forward ? set.next(k) : set.prev(k)) {
       if (matches(k)) return k;
     }

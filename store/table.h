@@ -12,6 +12,7 @@
 
 #include "core/string.h"
 #include "store/row_set.h"
+#include "store/value_index.h"
 
 class Table {
  public:
@@ -139,7 +140,7 @@ class Table {
     int column;
     const String* value;
   };
-  using Index = std::map<String, RowSet>;
+  using Index = ValueIndex;
 
   Row* find_row(int row) const {
     if (row <= 0) return nullptr;
