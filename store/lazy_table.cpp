@@ -121,16 +121,13 @@ LazyTable::LazyTable(const String& name) : name_(name), directory_(name) {}
 LazyTable::~LazyTable() = default;
 
 void LazyTable::add_column(const String& name, bool indexed) {
-  if (column_by_name_.count(name) || name.length() > 255) return;
-  column_by_name_[name] = column_count();
+  if (column_by_name_.contains(name) || name.length() > 255) return;
+  column_by_name_.add(name, column_count());
   columns_.push_back({name, indexed});
   indices_.emplace_back(indexed ? new Index() : nullptr);
 }
 
-int LazyTable::column_index(const String& name) const {
-  auto it = column_by_name_.find(name);
-  return it == column_by_name_.end() ? -1 : it->second;
-}
+int LazyTable::column_index(const String& name) const { return column_by_name_.find(name); }
 
 bool LazyTable::is_indexed(int column) const {
   return column >= 0 && column < column_count() && indices_[column] != nullptr;

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "core/string.h"
+#include "store/name_map.h"
 #include "store/row_set.h"
 #include "store/value_index.h"
 
@@ -118,7 +119,7 @@ class LazyTable {
   String directory_;
   int next_id_ = 1;
   std::vector<Column> columns_;
-  std::map<String, int> column_by_name_;
+  NameMap column_by_name_;
   std::vector<std::unique_ptr<Index>> indices_;
   RowSet ids_;
   std::map<String, int> keys_;

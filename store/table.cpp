@@ -29,16 +29,13 @@ Table::~Table() {
 }
 
 void Table::add_column(const String& name, bool indexed, bool encrypted) {
-  if (column_by_name_.count(name) || columns_.size() >= no_slot) return;
-  column_by_name_[name] = column_count();
+  if (column_by_name_.contains(name) || columns_.size() >= no_slot) return;
+  column_by_name_.add(name, column_count());
   columns_.push_back({name, indexed, encrypted});
   indices_.emplace_back(indexed ? new Index() : nullptr);
 }
 
-int Table::column_index(const String& name) const {
-  auto it = column_by_name_.find(name);
-  return it == column_by_name_.end() ? -1 : it->second;
-}
+int Table::column_index(const String& name) const { return column_by_name_.find(name); }
 
 bool Table::is_encrypted(const String& column) const {
   int c = column_index(column);
