@@ -9,6 +9,7 @@
 #include "store/cell_cipher.h"
 #include "store/journal.h"
 #include "store/row_file.h"
+#include "store/store_mode.h"
 #include "store/table_files.h"
 
 namespace {
@@ -139,7 +140,9 @@ String LazyTable::journal_path(int bucket) const {
   return format("%s/index/%d.bin", directory_, bucket);
 }
 
-void LazyTable::save_next_id() { (void)write_next_id(directory_, next_id_); }
+void LazyTable::save_next_id() {
+  if (!store_passive) (void)write_next_id(directory_, next_id_);
+}
 
 // Enters a row with empty indexed cells, unless it is already there. A replay leaves the
 // cells out and fills the empty ones at the end of the file (fill_empty_cells), which
@@ -290,6 +293,10 @@ void LazyTable::flush_bucket(int bucket) {
   auto it = buckets_.find(bucket);
   if (it == buckets_.end()) return;
   Bucket& b = it->second;
+  if (store_passive) {
+    b.pending = String();
+    return;
+  }
   if (!b.pending.empty()) {
     if (!append_file(b.pending, journal_path(bucket)) && log_enabled(LOG_GENERAL, 2)) {
       log_line(2, format("Could not append to the journal of table %s", name_));
@@ -313,6 +320,7 @@ void LazyTable::write_row(int row) {
   for (int c = 0; c < column_count(); c++) {
     if (!cache_cells_[c].empty()) records.push_back({columns_[c].name, cache_cells_[c], false});
   }
+  if (store_passive) return;
   String data = encode_row_binary(cache_key_, records);
   String path = row_file_path(directory_, row);
   if (cache_has_file_) {
@@ -346,7 +354,7 @@ void LazyTable::delete_row(int row) {
   b.rows--;
   if (cache_row_ == row) cache_row_ = 0;
   flush_bucket(bucket);
-  (void)remove_file(row_file_path(directory_, row), true);
+  if (!store_passive) (void)remove_file(row_file_path(directory_, row), true);
 }
 
 String LazyTable::compacted_journal(int bucket) const {
@@ -412,6 +420,7 @@ void LazyTable::load(const String& directory) {
   buckets_.clear();
   cache_row_ = 0;
   next_id_ = read_next_id(directory);
+  if (store_passive) return;
   if (is_directory(journal_directory())) {
     if (log_enabled(LOG_GENERAL, 8)) log_line(8, format("Reading index for table %s", name_));
     std::vector<std::pair<int, String>> files;
