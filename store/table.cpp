@@ -592,13 +592,14 @@ bool Table::check_indices() const {
   for (int c = 0; c < column_count(); c++) {
     if (!indices_[c]) continue;
     int total = 0;
-    for (const auto& [value, set] : *indices_[c]) {
+    indices_[c]->for_each([&](const String& value, const RowSet& set) {
       total += set.size();
+      if (set.empty()) ok = false;
       for (int row : set) {
         const Row* r = find_row(row);
         if (!r || row_cell(*r, c) != value) ok = false;
       }
-    }
+    });
     if (total != row_count_) ok = false;
   }
   if (!ok && log_enabled(LOG_GENERAL, 0)) {

@@ -32,11 +32,28 @@ void ValueIndex::grow() {
   size_t size = slots_.empty() ? 8 : slots_.size() * 2;
   slots_.assign(size, nullptr);
   size_t mask = size - 1;
-  for (auto& e : map_) {
-    size_t i = hash_of(e.first) & mask;
-    while (slots_[i]) i = (i + 1) & mask;
-    slots_[i] = &e;
+  for (auto& chunk : chunks_) {
+    for (size_t k = 0; k < chunk_size; k++) {
+      Entry* e = &chunk[k];
+      if (!e->live) continue;
+      size_t i = hash_of(e->first) & mask;
+      while (slots_[i]) i = (i + 1) & mask;
+      slots_[i] = e;
+    }
   }
+}
+
+ValueIndex::Entry* ValueIndex::new_entry() {
+  if (!free_.empty()) {
+    Entry* e = free_.back();
+    free_.pop_back();
+    return e;
+  }
+  if (used_in_last_ == chunk_size) {
+    chunks_.emplace_back(new Entry[chunk_size]);
+    used_in_last_ = 0;
+  }
+  return &chunks_.back()[used_in_last_++];
 }
 
 ValueIndex::Entry& ValueIndex::entry(const String& value) {
@@ -44,10 +61,14 @@ ValueIndex::Entry& ValueIndex::entry(const String& value) {
     Entry* e = slots_[slot_of(value)];
     if (e) return *e;
   }
-  if ((map_.size() + 1) * 2 > slots_.size()) grow();
-  Entry& e = *map_.try_emplace(value).first;
-  slots_[slot_of(value)] = &e;
-  return e;
+  if ((count_ + 1) * 2 > slots_.size()) grow();
+  Entry* e = new_entry();
+  e->first = value;
+  e->second.clear();
+  e->live = true;
+  slots_[slot_of(value)] = e;
+  count_++;
+  return *e;
 }
 
 void ValueIndex::erase(const String& value) {
@@ -65,5 +86,9 @@ void ValueIndex::erase(const String& value) {
     i = j;
   }
   slots_[i] = nullptr;
-  map_.erase(map_.find(gone->first));
+  gone->live = false;
+  gone->first = String();
+  gone->second.clear();
+  free_.push_back(gone);
+  count_--;
 }
