@@ -9,36 +9,41 @@ uint64_t ValueIndex::hash_of(const String& value) {
   return h;
 }
 
-size_t ValueIndex::slot_of(const String& value) const {
+size_t ValueIndex::slot_of(const String& value, uint64_t hash) const {
   size_t mask = slots_.size() - 1;
-  size_t i = hash_of(value) & mask;
-  while (slots_[i] && slots_[i]->first != value) i = (i + 1) & mask;
-  return i;
+  uintptr_t tag = static_cast<uintptr_t>(hash >> 48) << 48;
+  uintptr_t tag_mask = ~((uintptr_t(1) << 48) - 1);
+  for (size_t i = hash & mask;; i = (i + 1) & mask) {
+    uintptr_t s = slots_[i];
+    if (s == 0) return i;
+    if ((s & tag_mask) == tag && entry_of(s)->first == value) return i;
+  }
 }
 
 const RowSet* ValueIndex::find(const String& value) const {
   if (slots_.empty()) return nullptr;
-  Entry* e = slots_[slot_of(value)];
-  return e ? &e->second : nullptr;
+  uintptr_t s = slots_[slot_of(value)];
+  return s ? &entry_of(s)->second : nullptr;
 }
 
 RowSet* ValueIndex::find(const String& value) {
   if (slots_.empty()) return nullptr;
-  Entry* e = slots_[slot_of(value)];
-  return e ? &e->second : nullptr;
+  uintptr_t s = slots_[slot_of(value)];
+  return s ? &entry_of(s)->second : nullptr;
 }
 
 void ValueIndex::grow() {
   size_t size = slots_.empty() ? 8 : slots_.size() * 2;
-  slots_.assign(size, nullptr);
+  slots_.assign(size, 0);
   size_t mask = size - 1;
   for (auto& chunk : chunks_) {
     for (size_t k = 0; k < chunk_size; k++) {
       Entry* e = &chunk[k];
       if (!e->live) continue;
-      size_t i = hash_of(e->first) & mask;
+      uint64_t h = hash_of(e->first);
+      size_t i = h & mask;
       while (slots_[i]) i = (i + 1) & mask;
-      slots_[i] = e;
+      slots_[i] = pack(e, h);
     }
   }
 }
@@ -57,16 +62,17 @@ ValueIndex::Entry* ValueIndex::new_entry() {
 }
 
 ValueIndex::Entry& ValueIndex::entry(const String& value) {
+  uint64_t h = hash_of(value);
   if (!slots_.empty()) {
-    Entry* e = slots_[slot_of(value)];
-    if (e) return *e;
+    uintptr_t s = slots_[slot_of(value, h)];
+    if (s) return *entry_of(s);
   }
   if ((count_ + 1) * 2 > slots_.size()) grow();
   Entry* e = new_entry();
   e->first = value;
   e->second.clear();
   e->live = true;
-  slots_[slot_of(value)] = e;
+  slots_[slot_of(value, h)] = pack(e, h);
   count_++;
   return *e;
 }
@@ -75,17 +81,17 @@ void ValueIndex::erase(const String& value) {
   if (slots_.empty()) return;
   size_t mask = slots_.size() - 1;
   size_t i = slot_of(value);
-  Entry* gone = slots_[i];
-  if (!gone) return;
+  if (!slots_[i]) return;
+  Entry* gone = entry_of(slots_[i]);
   // Backward-shift deletion: pull later members of the probe run into the hole.
   for (size_t j = (i + 1) & mask; slots_[j]; j = (j + 1) & mask) {
-    size_t home = hash_of(slots_[j]->first) & mask;
+    size_t home = hash_of(entry_of(slots_[j])->first) & mask;
     bool stays = i <= j ? (home > i && home <= j) : (home > i || home <= j);
     if (stays) continue;
     slots_[i] = slots_[j];
     i = j;
   }
-  slots_[i] = nullptr;
+  slots_[i] = 0;
   gone->live = false;
   gone->first = String();
   gone->second.clear();

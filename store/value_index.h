@@ -47,7 +47,17 @@ class ValueIndex {
  private:
   static constexpr size_t chunk_size = 1024;
   static uint64_t hash_of(const String& value);
-  size_t slot_of(const String& value) const;  // the slot holding it, or an empty one
+  // The slot holding it, or an empty one.
+  size_t slot_of(const String& value, uint64_t hash) const;
+  size_t slot_of(const String& value) const { return slot_of(value, hash_of(value)); }
+  // A slot holds the entry's address with the top 16 bits of its hash above it (user
+  // addresses fit in 48 bits), so a probe passes over other values without touching them.
+  static uintptr_t pack(Entry* e, uint64_t hash) {
+    return reinterpret_cast<uintptr_t>(e) | (static_cast<uintptr_t>(hash >> 48) << 48);
+  }
+  static Entry* entry_of(uintptr_t slot) {
+    return reinterpret_cast<Entry*>(slot & ((uintptr_t(1) << 48) - 1));
+  }
   void grow();
   Entry* new_entry();
 
@@ -55,5 +65,5 @@ class ValueIndex {
   std::vector<Entry*> free_;
   size_t used_in_last_ = chunk_size;
   size_t count_ = 0;
-  std::vector<Entry*> slots_;  // linear probing, size a power of two, at most half full
+  std::vector<uintptr_t> slots_;  // linear probing, size a power of two, at most half full
 };
