@@ -6,6 +6,7 @@
 #include "core/files.h"
 #include "core/format.h"
 #include "core/log.h"
+#include "core/mutex.h"
 #include "store/cell_cipher.h"
 #include "store/journal.h"
 #include "store/row_file.h"
@@ -205,6 +206,7 @@ const String& LazyTable::indexed_cell(int row, int column) const {
 }
 
 String LazyTable::get(int row, int column) const {
+  must_own(ctrl_run_mutex, "LazyTable::get", 0);
   if (!has_row(row) || column < 0 || column >= column_count()) return String();
   if (indices_[column]) return indexed_cell(row, column);
   load_row_cache(row);
@@ -253,6 +255,7 @@ void LazyTable::set(int row, const String& column, const String& value, bool wri
 }
 
 void LazyTable::set(int row, int column, const String& value, bool write) {
+  must_own(ctrl_run_mutex, "LazyTable::set", 0);
   if (!has_row(row) || column < 0 || column >= column_count()) return;
   load_row_cache(row);
   if (cache_cells_[column] != value) {
@@ -266,6 +269,7 @@ void LazyTable::set(int row, int column, const String& value, bool write) {
 }
 
 int LazyTable::create_row(bool write) {
+  must_own(ctrl_run_mutex, "LazyTable::create_row", 0);
   int id = next_id_;
   while (has_row(id)) {
     if (id == INT_MAX) {
@@ -311,6 +315,7 @@ void LazyTable::flush_bucket(int bucket) {
 // file (see reconcile). A row without a file yet gets the file first: cut before the
 // journal, the row is simply not there, as before the write.
 void LazyTable::write_row(int row) {
+  must_own(ctrl_run_mutex, "LazyTable::write_row", 0);
   int bucket = row / bucket_rows;
   if (!has_row(row) || cache_row_ != row) {
     flush_bucket(bucket);
@@ -333,6 +338,7 @@ void LazyTable::write_row(int row) {
 }
 
 void LazyTable::delete_row(int row) {
+  must_own(ctrl_run_mutex, "LazyTable::delete_row", 0);
   if (!has_row(row)) return;
   int bucket = row / bucket_rows;
   Bucket& b = buckets_[bucket];
@@ -410,6 +416,7 @@ void LazyTable::compact(int bucket) {
 // --- loading ---
 
 void LazyTable::load(const String& directory) {
+  must_own(ctrl_run_mutex, "LazyTable::load", 0);
   directory_ = directory;
   ids_.clear();
   for (auto& index : indices_) {
@@ -563,6 +570,7 @@ void LazyTable::log_no_index(const String* const* columns, const String* const* 
 }
 
 RowSet LazyTable::search(const String* const* columns, const String* const* values, int n) const {
+  must_own(ctrl_run_mutex, "LazyTable::search", 0);
   const RowSet* sets[3] = {nullptr, nullptr, nullptr};
   static const RowSet none;
   for (int i = 0; i < n; i++) {
@@ -608,7 +616,9 @@ RowSet LazyTable::find_all(const String& c1, const String& v1, const String& c2,
   const String* v[] = {&v1, &v2, &v3};
   return search(c, v, 3);
 }
-int LazyTable::count(const String& c1, const String& v1) const { return find_all(c1, v1).size(); }
+int LazyTable::count(const String& c1, const String& v1) const {
+  must_own(ctrl_run_mutex, "LazyTable::count", 0);
+  must_not_own(srv_run_mutex, "LazyTable::count", 0); return find_all(c1, v1).size(); }
 int LazyTable::count(const String& c1, const String& v1, const String& c2, const String& v2) const {
   return find_all(c1, v1, c2, v2).size();
 }
@@ -618,6 +628,7 @@ int LazyTable::count(const String& c1, const String& v1, const String& c2, const
 }
 
 String LazyTable::stats() const {
+  must_own(ctrl_run_mutex, "LazyTable::stats", 0);
   String lookup;
   for (int c = 0; c < column_count(); c++) {
     if (!indices_[c]) continue;
