@@ -9,7 +9,9 @@
 #include <vector>
 
 #include "core/string.h"
+#include "store/name_map.h"
 #include "store/row_set.h"
+#include "store/value_index.h"
 
 class LazyTable {
  public:
@@ -82,7 +84,7 @@ class LazyTable {
   // Value to rows, and row to value: the row side points at the key of the map entry, so
   // a row costs one pointer per indexed column.
   struct Index {
-    std::map<String, RowSet> rows;
+    ValueIndex rows;
     std::vector<std::unique_ptr<const String*[]>> pages;  // 1024 rows per page
     const String* value_of(int row) const;
     void put(int row, const String& value);
@@ -117,7 +119,7 @@ class LazyTable {
   String directory_;
   int next_id_ = 1;
   std::vector<Column> columns_;
-  std::map<String, int> column_by_name_;
+  NameMap column_by_name_;
   std::vector<std::unique_ptr<Index>> indices_;
   RowSet ids_;
   std::map<String, int> keys_;

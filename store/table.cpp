@@ -5,6 +5,7 @@
 #include "core/files.h"
 #include "core/format.h"
 #include "core/log.h"
+#include "core/mutex.h"
 #include "store/cell_cipher.h"
 #include "store/row_file.h"
 #include "store/store_mode.h"
@@ -29,16 +30,13 @@ Table::~Table() {
 }
 
 void Table::add_column(const String& name, bool indexed, bool encrypted) {
-  if (column_by_name_.count(name) || columns_.size() >= no_slot) return;
-  column_by_name_[name] = column_count();
+  if (column_by_name_.contains(name) || columns_.size() >= no_slot) return;
+  column_by_name_.add(name, column_count());
   columns_.push_back({name, indexed, encrypted});
   indices_.emplace_back(indexed ? new Index() : nullptr);
 }
 
-int Table::column_index(const String& name) const {
-  auto it = column_by_name_.find(name);
-  return it == column_by_name_.end() ? -1 : it->second;
-}
+int Table::column_index(const String& name) const { return column_by_name_.find(name); }
 
 bool Table::is_encrypted(const String& column) const {
   int c = column_index(column);
@@ -52,12 +50,14 @@ const String& Table::row_cell(const Row& r, int column) {
 }
 
 const String& Table::cell(int row, int column) const {
+  must_own(ctrl_run_mutex, "Table::cell", 0);
   const Row* r = find_row(row);
   if (!r || column < 0) return empty_cell;
   return row_cell(*r, column);
 }
 
 String Table::get(int row, const String& column) const {
+  must_own(ctrl_run_mutex, "Table::get", 0);
   if (column == row_id_name) return row_key(row);
   return cell(row, column_index(column));
 }
@@ -175,7 +175,7 @@ RowSet Table::all_rows() const {
 
 void Table::index_row(int row, const Row& r) {
   for (int c = 0; c < column_count(); c++) {
-    if (indices_[c]) (*indices_[c])[row_cell(r, c)].add(row);
+    if (indices_[c]) indices_[c]->entry(row_cell(r, c)).second.add(row);
   }
   if (!r.id.empty()) keys_[r.id] = row;
 }
@@ -183,10 +183,11 @@ void Table::index_row(int row, const Row& r) {
 void Table::unindex_row(int row, const Row& r) {
   for (int c = 0; c < column_count(); c++) {
     if (!indices_[c]) continue;
-    auto it = indices_[c]->find(row_cell(r, c));
-    if (it == indices_[c]->end()) continue;
-    it->second.remove(row);
-    if (it->second.empty()) indices_[c]->erase(it);
+    const String& value = row_cell(r, c);
+    RowSet* set = indices_[c]->find(value);
+    if (!set) continue;
+    set->remove(row);
+    if (set->empty()) indices_[c]->erase(value);
   }
   if (!r.id.empty()) {
     auto it = keys_.find(r.id);
@@ -203,12 +204,11 @@ void Table::set_cell(int row, Row& r, int column, const String& value) {
   r.dirty = true;
   if (indices_[column]) {
     Index& index = *indices_[column];
-    auto old_entry = index.find(old);
-    if (old_entry != index.end()) {
-      old_entry->second.remove(row);
-      if (old_entry->second.empty()) index.erase(old_entry);
+    if (RowSet* set = index.find(old)) {
+      set->remove(row);
+      if (set->empty()) index.erase(old);
     }
-    index[value].add(row);
+    index.entry(value).second.add(row);
   }
   if (value.empty()) {
     r.columns.erase(it);
@@ -255,6 +255,7 @@ void Table::set(int row, const String& column, const String& value, bool write, 
 }
 
 void Table::set(int row, int column, const String& value, bool write, bool notify) {
+  must_own(ctrl_run_mutex, "Table::set", 0);
   if (row <= 0) {
     if (log_enabled(LOG_GENERAL, 5)) {
       log_line(5, format("Writing to row %d in table %s, ignoring request", row, name_));
@@ -281,11 +282,13 @@ void Table::set(int row, int column, const String& value, bool write, bool notif
 }
 
 void Table::set_cells(int row, const std::map<String, String>& cells, bool write) {
+  must_own(ctrl_run_mutex, "Table::set_cells", 0);
   for (const auto& [column, value] : cells) set(row, column, value, false, false);
   if (write) write_row(row);
 }
 
 void Table::clear_row(int row) {
+  must_own(ctrl_run_mutex, "Table::clear_row", 0);
   Row* r = find_row(row);
   if (!r) return;
   std::vector<uint16_t> columns = r->columns;
@@ -293,6 +296,7 @@ void Table::clear_row(int row) {
 }
 
 std::map<String, String> Table::cells(int row) const {
+  must_own(ctrl_run_mutex, "Table::cells", 0);
   std::map<String, String> out;
   const Row* r = find_row(row);
   if (!r) return out;
@@ -301,6 +305,7 @@ std::map<String, String> Table::cells(int row) const {
 }
 
 int Table::create_row(bool write) {
+  must_own(ctrl_run_mutex, "Table::create_row", 0);
   int id = next_id_;
   while (has_row(id)) {
     if (id == INT_MAX) {
@@ -319,6 +324,7 @@ int Table::create_row(bool write) {
 }
 
 void Table::delete_row(int row, bool write) {
+  must_own(ctrl_run_mutex, "Table::delete_row", 0);
   Row* r = find_row(row);
   if (r) {
     unindex_row(row, *r);
@@ -336,6 +342,7 @@ void Table::delete_where(const String& column, const String& value) {
 }
 
 void Table::write_row(int row, bool notify) {
+  must_own(ctrl_run_mutex, "Table::write_row", 0);
   if (!persist_ || store_passive) return;
   Row* r = find_row(row);
   if (!r) {
@@ -369,6 +376,7 @@ void Table::write_row(int row, bool notify) {
 // --- loading ---
 
 void Table::load(const String& directory) {
+  must_own(ctrl_run_mutex, "Table::load", 0);
   for (int row = first(); row > 0; row = first()) {
     unindex_row(row, *find_row(row));
     remove_row(row);
@@ -385,6 +393,8 @@ void Table::load(const String& directory) {
 }
 
 void Table::read_row(int row) {
+  must_own(ctrl_run_mutex, "Table::read_row", 0);
+  must_not_own(srv_run_mutex, "Table::read_row", 0);
   String path = row_file_path(directory_, row);
   String data = read_file(path, true);
   String id;
@@ -427,6 +437,7 @@ void Table::clear() {
 // --- searches ---
 
 int Table::search(const Cond* conds, int n, bool first_only, RowSet* out) const {
+  must_own(ctrl_run_mutex, "Table::search", 0);
   for (int i = 0; i < n; i++) {
     if (conds[i].column < 0) return 0;
   }
@@ -442,8 +453,8 @@ int Table::search(const Cond* conds, int n, bool first_only, RowSet* out) const 
   for (int i = 0; i < n; i++) {
     const Index* index = indices_[conds[i].column].get();
     if (!index) continue;
-    auto it = index->find(*conds[i].value);
-    const RowSet* set = it == index->end() ? &none : &it->second;
+    const RowSet* set = index->find(*conds[i].value);
+    if (!set) set = &none;
     if (!driver || set->size() < driver->size()) driver = set;
   }
   int found = 0;
@@ -508,6 +519,8 @@ RowSet Table::find_all(const String& c1, const String& v1, const String& c2, con
   return out;
 }
 int Table::count(const String& c1, const String& v1) const {
+  must_own(ctrl_run_mutex, "Table::count", 0);
+  must_not_own(srv_run_mutex, "Table::count", 0);
   Cond c[] = {{column_index(c1), &v1}};
   return search(c, 1, false, nullptr);
 }
@@ -522,6 +535,7 @@ int Table::count(const String& c1, const String& v1, const String& c2, const Str
 }
 
 int Table::same(int row, const String* const* columns, int n, bool forward) const {
+  must_own(ctrl_run_mutex, "Table::same", 0);
   const Row* r = find_row(row);
   if (!r) return 0;
   Cond conds[3];
@@ -540,9 +554,9 @@ int Table::same(int row, const String* const* columns, int n, bool forward) cons
   for (int i = 0; i < n; i++) {
     const Index* index = indices_[conds[i].column].get();
     if (!index) continue;
-    auto it = index->find(*conds[i].value);
-    if (it == index->end()) return 0;
-    const RowSet& set = it->second;
+    const RowSet* found = index->find(*conds[i].value);
+    if (!found) return 0;
+    const RowSet& set = *found;
     for (int k = forward ? set.next(row) : set.prev(row); k > 0; k = forward ? set.next(k) : set.prev(k)) {
       if (matches(k)) return k;
     }
@@ -580,6 +594,7 @@ int Table::next_same(int row, const String& c1, const String& c2, const String& 
 }
 
 String Table::stats() const {
+  must_own(ctrl_run_mutex, "Table::stats", 0);
   String lookup;
   for (int c = 0; c < column_count(); c++) {
     if (!indices_[c]) continue;
@@ -595,13 +610,14 @@ bool Table::check_indices() const {
   for (int c = 0; c < column_count(); c++) {
     if (!indices_[c]) continue;
     int total = 0;
-    for (const auto& [value, set] : *indices_[c]) {
+    indices_[c]->for_each([&](const String& value, const RowSet& set) {
       total += set.size();
+      if (set.empty()) ok = false;
       for (int row : set) {
         const Row* r = find_row(row);
         if (!r || row_cell(*r, c) != value) ok = false;
       }
-    }
+    });
     if (total != row_count_) ok = false;
   }
   if (!ok && log_enabled(LOG_GENERAL, 0)) {

@@ -11,7 +11,9 @@
 #include <vector>
 
 #include "core/string.h"
+#include "store/name_map.h"
 #include "store/row_set.h"
+#include "store/value_index.h"
 
 class Table {
  public:
@@ -139,7 +141,7 @@ class Table {
     int column;
     const String* value;
   };
-  using Index = std::map<String, RowSet>;
+  using Index = ValueIndex;
 
   Row* find_row(int row) const {
     if (row <= 0) return nullptr;
@@ -168,7 +170,7 @@ class Table {
   int saved_id_ = 1;
   int row_count_ = 0;
   std::vector<Column> columns_;
-  std::map<String, int> column_by_name_;
+  NameMap column_by_name_;
   std::vector<std::unique_ptr<Index>> indices_;  // per column, null when not indexed
   std::map<String, int> keys_;
   std::vector<Block*> blocks_;

@@ -65,7 +65,9 @@ TEST(CellCipherTest, PlainValueIsInNoFileAndOpensslReadsIt) {
     String data = read_file(file);
     EXPECT_FALSE(data.contains(plain));
     EXPECT_FALSE(data.contains(String("PIN-8472")));
-    if (!tlvb) EXPECT_TRUE(data.contains(String("encrypted=\"true\"")));
+    if (!tlvb) {
+      EXPECT_TRUE(data.contains(String("encrypted=\"true\"")));
+    }
     String first = stored_cell(file);
     ASSERT_EQ(first.length(), 16 + plain.length());
     EXPECT_EQ(openssl_decrypt(work, key, first), plain);

@@ -45,7 +45,9 @@ TEST(SchemaTest, NamesAreUniqueAndWellFormed) {
       EXPECT_FALSE(c.name.empty());
       EXPECT_LE(c.name.length(), 255);  // the journal's column names are one length byte
       EXPECT_FALSE(c.name.contains('+') || c.name.contains('!'));
-      if (t.kind == SchemaKind::lazy) EXPECT_FALSE(c.encrypted) << t.name;  // no cipher there
+      if (t.kind == SchemaKind::lazy) {
+        EXPECT_FALSE(c.encrypted) << t.name;  // no cipher there
+      }
     }
   }
 }
