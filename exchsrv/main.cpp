@@ -16,6 +16,8 @@
 #include "core/udp_socket.h"
 #include "sip/interfaces.h"
 #include "sip/listening_ports.h"
+#include "sip/registrar.h"
+#include "sip/registration.h"
 #include "sip/request_routing.h"
 #include "sip/sip_receive.h"
 #include "sip/sip_send.h"
@@ -100,6 +102,9 @@ static void register_subsystems() {
   sip_tcp_register();
   sip_send_register();
   request_routing_register();
+  registration_register();
+  registrar_register();
+  register_start_step(StartStage::after_threads, start_registration_expiry);
   register_start_step(StartStage::bind_ports, bind_sip_tcp_ports);
   register_control_party(tcp_connection_party());
   register_control_party(tcp_listener_party());

@@ -136,3 +136,38 @@ TEST_F(SipDaemonTest, PortListBindsEachFamilyAndAddress) {
   EXPECT_NE(out.find("[::]:" + std::to_string(a) + " "), std::string::npos) << out;
   EXPECT_NE(out.find("127.0.0.2:" + std::to_string(b) + " "), std::string::npos) << out;
 }
+
+// Many extensions register with digest authentication through sipp.
+TEST(RegistrarDaemonTest, ExtensionsRegisterWithDigest) {
+  if (!sipp_available()) GTEST_SKIP() << "sipp is not installed";
+  TempDir dir;
+  WorkDirOptions o;
+  o.ports = {"ip_sip_udp_port"};
+  o.settings["out_of_dialog_options"] = "true";
+  o.extensions.clear();
+  std::string users = "SEQUENTIAL\n";
+  for (int i = 0; i < 50; i++) {
+    std::string number = std::to_string(2000 + i), password = "pw" + std::to_string(i * 7919);
+    o.extensions.push_back({number, password});
+    users += number + ";[authentication username=" + number + " password=" + password + "]\n";
+  }
+  WorkDir work = write_work_dir(dir.path(), o);
+  std::string users_file = dir.file("users.csv");
+  FILE* f = fopen(users_file.c_str(), "w");
+  ASSERT_NE(f, nullptr);
+  fputs(users.c_str(), f);
+  fclose(f);
+  DaemonProcess daemon({"--no-daemon", "--dir", dir.path()}, dir.file("err"));
+  int port = work.port("ip_sip_udp_port");
+  UdpSocket probe;
+  ASSERT_TRUE(probe.open(0, parse_adr(String("127.0.0.1"))));
+  bool up = false;
+  for (int i = 0; i < 100 && !up; i++) {
+    (void)probe.send_to(options_request(port, "ready"), Address(parse_adr(String("127.0.0.1")), port));
+    up = readable(probe.fd, 100);
+  }
+  ASSERT_TRUE(up);
+  SippResult r = run_sipp("register.xml", port, 50, 25, {"-inf", users_file});
+  EXPECT_EQ(r.successful, 50) << r.output;
+  EXPECT_EQ(r.failed, 0);
+}
