@@ -137,7 +137,7 @@ TEST_F(SipDaemonTest, PortListBindsEachFamilyAndAddress) {
   EXPECT_NE(out.find("127.0.0.2:" + std::to_string(b) + " "), std::string::npos) << out;
 }
 
-// Many extensions register with digest authentication through sipp.
+// A thousand extensions register with digest authentication through sipp, 500 a second.
 TEST(RegistrarDaemonTest, ExtensionsRegisterWithDigest) {
   if (!sipp_available()) GTEST_SKIP() << "sipp is not installed";
   TempDir dir;
@@ -146,7 +146,7 @@ TEST(RegistrarDaemonTest, ExtensionsRegisterWithDigest) {
   o.settings["out_of_dialog_options"] = "true";
   o.extensions.clear();
   std::string users = "SEQUENTIAL\n";
-  for (int i = 0; i < 50; i++) {
+  for (int i = 0; i < 1000; i++) {
     std::string number = std::to_string(2000 + i), password = "pw" + std::to_string(i * 7919);
     o.extensions.push_back({number, password});
     users += number + ";[authentication username=" + number + " password=" + password + "]\n";
@@ -167,7 +167,17 @@ TEST(RegistrarDaemonTest, ExtensionsRegisterWithDigest) {
     up = readable(probe.fd, 100);
   }
   ASSERT_TRUE(up);
-  SippResult r = run_sipp("register.xml", port, 50, 25, {"-inf", users_file});
-  EXPECT_EQ(r.successful, 50) << r.output;
+  SippResult r = run_sipp("register.xml", port, 1000, 500, {"-inf", users_file});
+  EXPECT_EQ(r.successful, 1000) << r.output;
   EXPECT_EQ(r.failed, 0);
+  // Every binding is a row of the registrations table, one file each.
+  int rows = 0;
+  for (int i = 0; i < 50 && rows < 1000; i++) {
+    usleep(100000);
+    FILE* ls = popen(("ls " + dir.path() + "/registrations | grep -c '^[0-9]*\\.xml$'").c_str(), "r");
+    char line[64] = {0};
+    if (ls && fgets(line, sizeof line, ls)) rows = atoi(line);
+    if (ls) pclose(ls);
+  }
+  EXPECT_EQ(rows, 1000);
 }
