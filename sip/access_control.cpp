@@ -72,8 +72,18 @@ using V6Bytes = std::array<uint8_t, 16>;
 std::unordered_map<AclKey, AclEntry, AclKeyHash> auto_entries[class_count];
 std::map<String, int> white_ports[class_count];
 std::map<String, std::unique_ptr<AcceptCount>> accept_counts[class_count];
-std::map<uint32_t, ManualEntry> manual_v4[ipv4_count];
-std::map<V6Bytes, ManualEntry> manual_v6[ipv6_count];
+struct V6Hash {
+  size_t operator()(const V6Bytes& b) const {
+    uint64_t h = 1469598103934665603ull;
+    for (uint8_t byte : b) h = (h ^ byte) * 1099511628211ull;
+    return static_cast<size_t>(h);
+  }
+};
+
+// Hashed for the check, which looks at up to 15 of them per datagram; the JSON output
+// sorts them.
+std::unordered_map<uint32_t, ManualEntry> manual_v4[ipv4_count];
+std::unordered_map<V6Bytes, ManualEntry, V6Hash> manual_v6[ipv6_count];
 std::map<String, PenaltyRecord> penalties;
 std::deque<std::pair<Tick, String>> penalty_list;
 
@@ -173,13 +183,12 @@ void set_timer(int c, const AclKey& k, AclEntry& e, Tick due) {
   arm_expiry();
 }
 
-// An automatic entry that is live at `now`; an overdue one is gone even if its timer
-// hasn't run yet.
+// An automatic entry until its expiry has removed it. The check reads no clock: a timer
+// that runs a little late keeps an entry a little longer, which costs nothing, while a
+// clock read per datagram does.
 const AclEntry* live_auto(int c, const AclKey& k) {
   auto it = auto_entries[c].find(k);
-  if (it == auto_entries[c].end()) return nullptr;
-  if (it->second.timer.is_set() && it->second.timer <= Tick::now()) return nullptr;
-  return &it->second;
+  return it == auto_entries[c].end() ? nullptr : &it->second;
 }
 
 void drop_old_penalties(Tick time, int period_ms) {
@@ -491,17 +500,21 @@ void acl_json(String& out) {
     for (const auto& [key, text] : sorted) item(text);
   }
   for (int i = 0; i < ipv4_count; i++) {
-    for (const auto& [v, e] : manual_v4[i]) {
+    std::map<uint32_t, const ManualEntry*> sorted;
+    for (const auto& [v, e] : manual_v4[i]) sorted[v] = &e;
+    for (const auto& [v, e] : sorted) {
       String adr = adr_text(String::bytes(static_cast<char>(v >> 24), static_cast<char>(v >> 16), static_cast<char>(v >> 8), static_cast<char>(v)));
       item(format("{\"adr\":%j,\"mask\":%d,\"type\":\"manual\",\"comment\":%j,\"enabled\":%j,\"id\":%d}", adr, ipv4_prefixes[i],
-                  e.comment, e.white, e.id));
+                  e->comment, e->white, e->id));
     }
   }
   for (int i = 0; i < ipv6_count; i++) {
-    for (const auto& [v, e] : manual_v6[i]) {
+    std::map<V6Bytes, const ManualEntry*> sorted;
+    for (const auto& [v, e] : manual_v6[i]) sorted[v] = &e;
+    for (const auto& [v, e] : sorted) {
       String adr = adr_text(String(v.data(), 16));
       item(format("{\"adr\":%j,\"mask\":%d,\"type\":\"manual\",\"comment\":%j,\"enabled\":%j,\"id\":%d}", adr, ipv6_prefixes[i],
-                  e.comment, e.white, e.id));
+                  e->comment, e->white, e->id));
     }
   }
   for (int c = 1; c < class_count; c++)
