@@ -141,17 +141,3 @@ FormatSlot address_slot(const Address& a, String& keep) {
   keep = address_text(a);
   return FormatSlot::address(keep);
 }
-
-String transport_name(Transport t) {
-  switch (t) {
-    case Transport::tcp: return String("tcp");
-    case Transport::tls: return String("tls");
-    default: return String("udp");
-  }
-}
-
-Transport transport_from(const String& word) {
-  if (word.equals_nocase("tcp")) return Transport::tcp;
-  if (word.equals_nocase("tls") || word.equals_nocase("ws") || word.equals_nocase("wss")) return Transport::tls;
-  return Transport::udp;
-}

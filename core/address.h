@@ -45,8 +45,3 @@ Address parse_address(const String& text, int default_port);
 
 // The address as a format slot: %s writes its text.
 FormatSlot address_slot(const Address& a, String& keep);
-
-enum class Transport { udp, tcp, tls };
-String transport_name(Transport t);
-// "ws" arrives from a WebSocket and counts as "tls"; unknown words give udp.
-Transport transport_from(const String& word);

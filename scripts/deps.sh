@@ -6,7 +6,7 @@ set -euo pipefail
 build_pkgs=(cmake ninja-build g++ googletest libgtest-dev libgmock-dev libbenchmark-dev
             duktape-dev zlib1g-dev)
 test_pkgs=(python3 unicode-data openssl coreutils clang-14 libclang-rt-14-dev
-           python3-cryptography-vectors libxml2-utils)
+           python3-cryptography-vectors libxml2-utils libsofia-sip-ua-dev libsqlite3-dev)
 
 want=("${build_pkgs[@]}")
 if [ "${1:-}" = "test" ]; then want+=("${test_pkgs[@]}"); fi
