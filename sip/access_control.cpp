@@ -12,6 +12,9 @@
 #include "core/mutex.h"
 #include "core/server.h"
 #include "core/timeout.h"
+#include "store/names.h"
+#include "store/schema.h"
+#include "store/table.h"
 
 bool AclKey::operator==(const AclKey& o) const {
   return length == o.length && bits == o.bits && port == o.port && memcmp(bytes, o.bytes, length) == 0;
@@ -319,6 +322,19 @@ int acl_load_manual(const std::vector<AclRow>& rows) {
     else log_acl(3, format("Access list entry %d has a mask %s that can't be used", row.id, row.mask));
   }
   return loaded;
+}
+
+int acl_load_accesslist() {
+  must_own(ctrl_run_mutex, "acl_load_accesslist", 1);
+  Table* t = find_table(tbl_accesslist);
+  if (!t) return 0;
+  if (!t->on_change) t->on_change = [](Table&, int) { (void)acl_load_accesslist(); };
+  int adr = t->column_index(col_adr), mask = t->column_index(col_mask);
+  int type = t->column_index(col_type), comment = t->column_index(col_comment);
+  std::vector<AclRow> rows;
+  for (int row = t->first(); row != 0; row = t->next(row))
+    rows.push_back({row, t->get(row, adr), t->get(row, mask), t->get(row, type), t->get(row, comment)});
+  return acl_load_manual(rows);
 }
 
 int acl_check(const Address& address, int access_class) {

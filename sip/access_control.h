@@ -42,6 +42,10 @@ struct AclRow {
 // length outside the fixed lists isn't loaded. Returns the number loaded.
 int acl_load_manual(const std::vector<AclRow>& rows);
 
+// Loads the manual entries from the table `accesslist`, and again whenever a row of it
+// is written with notification. Returns the number loaded.
+int acl_load_accesslist();
+
 // Negative for a blacklisted source, 0 for an unknown one, positive for a whitelisted one.
 int acl_check(const Address& address, int access_class);
 // Adds or refreshes an automatic entry; `seconds` 0 lasts until it is removed.

@@ -8,6 +8,9 @@
 #include "core/access_hooks.h"
 #include "core/server.h"
 #include "core/timeout.h"
+#include "store/names.h"
+#include "store/schema.h"
+#include "store/table.h"
 #include "tests/support/test_support.h"
 
 namespace {
@@ -243,4 +246,28 @@ TEST_F(AclTest, HooksReachTheLists) {
   EXPECT_EQ(acl_check(parse_adr(String("127.0.0.9")), 1), -1);
   EXPECT_EQ(acl_check(parse_adr(String("127.0.0.1")), 1), 1);
   set_acl_hooks(nullptr, nullptr);
+}
+
+TEST_F(AclTest, ManualEntriesFollowTheTable) {
+  create_tables();
+  Table* t = find_table(tbl_accesslist);
+  ASSERT_NE(t, nullptr);
+  int row = t->create_row();
+  ASSERT_NE(row, 0);
+  t->set(row, col_adr, String("127.0.0.0"));
+  t->set(row, col_mask, String("8"));
+  t->set(row, col_type, String("white"));
+  t->set(row, col_comment, String("loopback"));
+  EXPECT_EQ(acl_load_accesslist(), 1);
+  EXPECT_EQ(acl_check(at("127.0.0.9"), acl_class_udp), 1);
+  // What a write with notification does, without files below the working directory.
+  t->set(row, col_type, String("black"));
+  ASSERT_NE(t->on_change, nullptr);
+  t->on_change(*t, row);
+  EXPECT_EQ(acl_check(at("127.0.0.9"), acl_class_udp), -1);
+  String json;
+  acl_json(json);
+  EXPECT_EQ(json, format("[{\"adr\":\"127.0.0.0\",\"mask\":8,\"type\":\"manual\",\"comment\":\"loopback\",\"enabled\":false,\"id\":%d}]", row));
+  t->delete_row(row, false);
+  t->on_change = nullptr;
 }
