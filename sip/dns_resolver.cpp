@@ -5,6 +5,7 @@
 #include <map>
 #include <memory>
 
+#include "core/command_line.h"
 #include "core/files.h"
 #include "core/log.h"
 #include "core/mutex.h"
@@ -365,6 +366,7 @@ void serve_party(PollSet& set, Tick) {
 }  // namespace
 
 bool request_dns(const String& name_in, int type, const callback_argument& callback) {
+  must_own(srv_run_mutex, "request_dns", 1);
   String name = normal_name(name_in);
   if (name.empty()) {
     log_dns(3, String("DNS: Cannot resolve empty DNS address"));
@@ -463,7 +465,16 @@ std::vector<String> dns_sort_lines(const String& text, bool weights) {
   return out;
 }
 
+void dns_open_sockets() {
+  MutexGuard g(dns_mutex, "dns_open_sockets", 1);
+  (void)socket_for(any_ipv4);
+  if (startup_options.use_ipv6) (void)socket_for(any_ipv6);
+}
+
 void dns_register() {
+  // The sockets must exist before run_pbxsrv_sip polls: a socket opened later would
+  // wait for that thread's next pass, up to its minute of sleep.
+  register_start_step(StartStage::before_threads, dns_open_sockets);
   register_sip_thread_party(LoopParty{40, add_party, serve_party});
   callback_name_register(resend_request, "resend_request");
   callback_name_register(unregister_entry, "unregister_entry");

@@ -38,8 +38,10 @@ void json_stringify(String& out);
 // source); with `weights` (SRV) the second word is drawn against a random number.
 std::vector<String> dns_sort_lines(const String& text, bool weights);
 
-// Registers the socket party on run_pbxsrv_sip and the callback names.
+// Registers the socket party on run_pbxsrv_sip, the opening of the sockets before the
+// threads start, and the callback names.
 void dns_register();
+void dns_open_sockets();
 // Closes the sockets, stops every timer and empties the tables; for tests and shutdown.
 void dns_reset();
 
