@@ -39,6 +39,21 @@ const std::string& rest_document() {
   return doc;
 }
 
+// One request body of the REST API, for the cost of a call on a small document.
+const char small_document[] =
+    "{\"name\":\"Alice\",\"extension\":\"201\",\"email\":\"alice@example.com\","
+    "\"permissions\":[\"call\",\"park\"],\"mailbox\":{\"enabled\":true,\"pin\":\"1234\"},"
+    "\"limit\":25}";
+
+void BM_ExchJsonParseSmall(benchmark::State& state) {
+  String text(small_document);
+  for (auto _ : state) {
+    Json j(text);
+    benchmark::DoNotOptimize(j);
+  }
+}
+BENCHMARK(BM_ExchJsonParseSmall);
+
 void BM_ExchJsonParse(benchmark::State& state) {
   String text(rest_document().data(), static_cast<int>(rest_document().size()));
   for (auto _ : state) {
@@ -75,6 +90,15 @@ void BM_ExchJsonWrite(benchmark::State& state) {
 BENCHMARK(BM_ExchJsonWrite)->Unit(benchmark::kMillisecond);
 
 #ifdef EXCH_HAVE_NLOHMANN
+void BM_NlohmannParseSmall(benchmark::State& state) {
+  std::string text(small_document);
+  for (auto _ : state) {
+    nlohmann::json j = nlohmann::json::parse(text);
+    benchmark::DoNotOptimize(j);
+  }
+}
+BENCHMARK(BM_NlohmannParseSmall);
+
 void BM_NlohmannParse(benchmark::State& state) {
   const std::string& text = rest_document();
   for (auto _ : state) {

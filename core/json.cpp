@@ -1,8 +1,10 @@
 #include "core/json.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 
 #include "core/format.h"
 #include "core/log.h"
@@ -139,8 +141,54 @@ class JsonReader {
   Token scan();
   String token_text(const Token& t) const { return source_.substr(t.begin, t.end - t.begin); }
   String string_value(const Token& t) const;
+  bool count_value();
   void read_array(Json& out, int depth);
   void read_object(Json& out, int depth);
+  void read_members(int depth);
+  void finish_object(Json& out, int base);
+
+  // The members of the objects being read wait here, in source order, until their object
+  // ends; then each key is made once, in place, in the object's vector of exactly the
+  // right size. Growing and sorting that vector instead would move every key (and a
+  // String move relinks its ring under a lock). Chunks keep addresses stable while a
+  // nested value is read into its slot.
+  struct Pending {
+    Token key;
+    String decoded;  // the key, if it had escapes
+    Token text;      // a string value, made in place at the end like the key
+    Json value;      // any other value
+  };
+  class PendingStack {
+   public:
+    static constexpr int chunk = 64;
+    int top() const { return top_; }
+    Pending& at(int i) { return chunks_[i / chunk][i % chunk]; }
+    Pending& push() {
+      if (top_ / chunk == static_cast<int>(chunks_.size())) {
+        chunks_.push_back(std::make_unique<Pending[]>(chunk));
+      }
+      return at(top_++);
+    }
+    void pop_to(int base) {
+      for (int i = base; i < top_; i++) {
+        Pending& p = at(i);
+        p.value = Json();
+        p.decoded.clear();
+      }
+      top_ = base;
+      // A huge object once read need not keep its memory for ever.
+      if (top_ == 0 && chunks_.size() > 16) chunks_.resize(16);
+    }
+
+   private:
+    std::vector<std::unique_ptr<Pending[]>> chunks_;
+    int top_ = 0;
+  };
+  // One per thread: a parse never starts another, and leaves the stack empty.
+  static PendingStack& pending() {
+    static thread_local PendingStack stack;
+    return stack;
+  }
 
   const String& source_;
   const char* p_;
@@ -148,6 +196,7 @@ class JsonReader {
   int pos_ = 0;
   bool have_token_ = false;
   bool stop_ = false;
+  int values_ = 0;
   Token token_;
 };
 
@@ -272,14 +321,27 @@ String JsonReader::string_value(const Token& t) const {
   return out;
 }
 
+// Counts one more value against Json::max_values; past it, the parse stops.
+bool JsonReader::count_value() {
+  if (++values_ <= Json::max_values) return true;
+  stop_ = true;
+  if (log_enabled(LOG_GENERAL, 5)) {
+    log_add_message_global(LOG_GENERAL, 5, 0, "JSON: More than 4194304 values");
+  }
+  return false;
+}
+
+// `out` is null on entry and stays null if the parse has stopped.
 void JsonReader::read_value(Json& out, int depth) {
   if (stop_) return;
   Token t = peek();
   consume();
+  if (!count_value()) return;
   switch (t.kind) {
     case Text:
+      // Built in place from the prvalue: no move, no second link into the source's ring.
+      new (&out.string_) String(string_value(t));
       out.type_ = Json::Str;
-      out.string_ = string_value(t);
       return;
     case Num: {
       double v;
@@ -315,8 +377,8 @@ void JsonReader::read_value(Json& out, int depth) {
 }
 
 void JsonReader::read_array(Json& out, int depth) {
-  out.type_ = Json::Array;
-  out.elements_ = std::make_unique<Json::Elements>();
+  out.make(Json::Array);
+  Json::Elements& elements = out.elements_;
   bool want_value = true;
   while (!stop_) {
     const Token& t = peek();
@@ -326,10 +388,10 @@ void JsonReader::read_array(Json& out, int depth) {
       return;
     }
     if (want_value) {
-      out.elements_->emplace_back();
-      read_value(out.elements_->back(), depth);
+      elements.emplace_back();
+      read_value(elements.back(), depth);
       // The container that went too deep leaves no trace.
-      if (stop_ && out.elements_->back().is_null()) out.elements_->pop_back();
+      if (stop_ && elements.back().is_null()) elements.pop_back();
       want_value = false;
     } else if (t.kind == Char && p_[t.begin] == ',') {
       consume();
@@ -343,15 +405,19 @@ void JsonReader::read_array(Json& out, int depth) {
 }
 
 void JsonReader::read_object(Json& out, int depth) {
-  out.type_ = Json::Object;
-  out.members_ = std::make_unique<Json::Members>();
+  int base = pending().top();
+  read_members(depth);
+  finish_object(out, base);
+}
+
+// Reads the members in source order onto the pending stack.
+void JsonReader::read_members(int depth) {
   enum { Name, Colon, Value, Comma } state = Name;
-  String key;
+  Token key;
   while (!stop_) {
     const Token& t = peek();
     if (t.kind == End) return;
-    bool is_char = t.kind == Char;
-    char c = is_char ? p_[t.begin] : 0;
+    char c = t.kind == Char ? p_[t.begin] : 0;
     switch (state) {
       case Name:
         if (c == '}') {
@@ -362,7 +428,7 @@ void JsonReader::read_object(Json& out, int depth) {
           log_expect("JSON: Expect name but got %s", token_text(t));
           return;
         }
-        key = string_value(t);
+        key = t;
         consume();
         state = Colon;
         break;
@@ -375,11 +441,22 @@ void JsonReader::read_object(Json& out, int depth) {
         state = Value;
         break;
       case Value: {
-        // A key that comes twice keeps its last value.
-        auto slot = out.members_->try_emplace(key).first;
-        slot->second = Json();
-        read_value(slot->second, depth);
-        if (stop_ && slot->second.is_null()) out.members_->erase(slot);
+        PendingStack& stack = pending();
+        Pending& member = stack.push();
+        member.key = key;
+        if (key.escaped) member.decoded = string_value(key);
+        member.text = Token();
+        if (t.kind == Text) {
+          member.text = t;
+          consume();
+          if (!count_value()) member.text = Token();
+        } else {
+          read_value(member.value, depth);
+        }
+        // A value cut off by a limit leaves no trace.
+        if (stop_ && member.text.kind != Text && member.value.is_null()) {
+          stack.pop_to(stack.top() - 1);
+        }
         state = Comma;
         break;
       }
@@ -399,14 +476,161 @@ void JsonReader::read_object(Json& out, int depth) {
   }
 }
 
-Json::Json(const String& text) {
+// Makes `out` the object of the pending members from `base` up: sorted by key, bytewise,
+// and where a key came twice, the last one counts.
+void JsonReader::finish_object(Json& out, int base) {
+  PendingStack& stack = pending();
+  int n = stack.top() - base;
+  out.make(Json::Object);
+  if (n == 0) return;
+
+  struct Key {
+    const char* p;
+    int n;
+  };
+  auto key_of = [&](int i) -> Key {
+    Pending& m = stack.at(i);
+    if (m.key.escaped) return {m.decoded.c_data(), m.decoded.length()};
+    return {p_ + m.key.begin + 1, m.key.end - m.key.begin - 2};
+  };
+  auto compare = [](const Key& a, const Key& b) {
+    int m = memcmp(a.p, b.p, static_cast<size_t>(a.n < b.n ? a.n : b.n));
+    return m ? m : (a.n < b.n ? -1 : a.n > b.n ? 1 : 0);
+  };
+
+  // The keys once, and the order in which they go; small objects need no allocation.
+  constexpr int inline_count = 64;
+  Key small_keys[inline_count];
+  int small_order[inline_count];
+  std::unique_ptr<Key[]> big_keys;
+  std::unique_ptr<int[]> big_order;
+  Key* keys = small_keys;
+  int* order = small_order;
+  if (n > inline_count) {
+    big_keys.reset(new Key[n]);
+    big_order.reset(new int[n]);
+    keys = big_keys.get();
+    order = big_order.get();
+  }
+  bool sorted = true;
+  for (int i = 0; i < n; i++) {
+    keys[i] = key_of(base + i);
+    order[i] = i;
+    if (i > 0 && sorted && compare(keys[i - 1], keys[i]) >= 0) sorted = false;
+  }
+  // Stable, so that equal keys stay in source order.
+  auto before = [&](int a, int b) { return compare(keys[a], keys[b]) < 0; };
+  if (!sorted && n <= 32) {
+    for (int i = 1; i < n; i++) {
+      int v = order[i];
+      int j = i;
+      for (; j > 0 && before(v, order[j - 1]); j--) order[j] = order[j - 1];
+      order[j] = v;
+    }
+  } else if (!sorted) {
+    std::stable_sort(order, order + n, before);
+  }
+
+  Json::Members& members = out.members_;
+  members.reserve(n);
+  for (int k = 0; k < n; k++) {
+    if (k + 1 < n && compare(keys[order[k]], keys[order[k + 1]]) == 0) continue;
+    Pending& m = stack.at(base + order[k]);
+    auto& member = members.emplace_back();
+    // Built in place from the prvalue: no move, no second link into the source's ring.
+    member.first.~String();
+    new (&member.first) String(m.key.escaped ? m.decoded : string_value(m.key));
+    if (m.text.kind == Text) {
+      new (&member.second.string_) String(string_value(m.text));
+      member.second.type_ = Json::Str;
+    } else {
+      member.second = std::move(m.value);
+    }
+  }
+  stack.pop_to(base);
+}
+
+Json::Json(const String& text) : number_(0) {
   JsonReader reader(text);
   reader.read_value(*this, 0);
 }
 
-Json::Json(Type type) : type_(type) {
-  if (type == Array) elements_ = std::make_unique<Elements>();
-  if (type == Object) members_ = std::make_unique<Members>();
+Json::Json(Type type) : number_(0) { make(type); }
+
+void Json::make(Type type) {
+  switch (type) {
+    case Str:
+      new (&string_) String();
+      break;
+    case Array:
+      new (&elements_) Elements();
+      break;
+    case Object:
+      new (&members_) Members();
+      break;
+    default:
+      number_ = 0;
+      break;
+  }
+  type_ = type;
+}
+
+void Json::release() noexcept {
+  switch (type_) {
+    case Str:
+      string_.~String();
+      break;
+    case Array:
+      elements_.~Elements();
+      break;
+    case Object:
+      members_.~Members();
+      break;
+    default:
+      break;
+  }
+  number_ = 0;
+}
+
+void Json::take_payload(Json& o) noexcept {
+  switch (type_) {
+    case Str:
+      new (&string_) String(std::move(o.string_));
+      o.string_.~String();
+      break;
+    case Array:
+      new (&elements_) Elements(std::move(o.elements_));
+      o.elements_.~Elements();
+      break;
+    case Object:
+      new (&members_) Members(std::move(o.members_));
+      o.members_.~Members();
+      break;
+    default:
+      break;
+  }
+}
+
+Json::Json(const Json& o) : type_(o.type_) {
+  switch (type_) {
+    case Str:
+      new (&string_) String(o.string_);
+      break;
+    case Array:
+      new (&elements_) Elements(o.elements_);
+      break;
+    case Object:
+      new (&members_) Members(o.members_);
+      break;
+    default:
+      number_ = o.number_;
+      break;
+  }
+}
+
+Json& Json::operator=(const Json& o) {
+  if (this != &o) *this = Json(o);
+  return *this;
 }
 
 Json Json::number(double value) {
@@ -416,8 +640,9 @@ Json Json::number(double value) {
 }
 
 Json Json::string(const String& value) {
-  Json j(Str);
-  j.string_ = value;
+  Json j;
+  new (&j.string_) String(value);
+  j.type_ = Str;
   return j;
 }
 
@@ -425,37 +650,6 @@ Json Json::boolean(bool value) {
   Json j(Bool);
   j.number_ = value ? 1 : 0;
   return j;
-}
-
-Json::Json(const Json& o) : type_(o.type_), number_(o.number_), string_(o.string_) {
-  if (o.elements_) elements_ = std::make_unique<Elements>(*o.elements_);
-  if (o.members_) members_ = std::make_unique<Members>(*o.members_);
-}
-
-Json::Json(Json&& o) noexcept
-    : type_(o.type_),
-      number_(o.number_),
-      string_(std::move(o.string_)),
-      elements_(std::move(o.elements_)),
-      members_(std::move(o.members_)) {
-  o.type_ = Null;
-}
-
-Json& Json::operator=(const Json& o) {
-  if (this != &o) *this = Json(o);
-  return *this;
-}
-
-Json& Json::operator=(Json&& o) noexcept {
-  if (this != &o) {
-    type_ = o.type_;
-    number_ = o.number_;
-    string_ = std::move(o.string_);
-    elements_ = std::move(o.elements_);
-    members_ = std::move(o.members_);
-    o.type_ = Null;
-  }
-  return *this;
 }
 
 const Json& Json::empty() {
@@ -482,34 +676,39 @@ int Json::as_int() const {
 int64_t Json::as_int64() const { return type_ == Number ? json_to_int64(number_) : 0; }
 
 int Json::size() const {
-  if (type_ == Array) return static_cast<int>(elements_->size());
-  if (type_ == Object) return static_cast<int>(members_->size());
+  if (type_ == Array) return static_cast<int>(elements_.size());
+  if (type_ == Object) return static_cast<int>(members_.size());
   return 0;
 }
 
 const Json& Json::operator[](int index) const {
-  if (type_ != Array || index < 0 || index >= static_cast<int>(elements_->size())) return empty();
-  return (*elements_)[index];
+  if (type_ != Array || index < 0 || index >= static_cast<int>(elements_.size())) return empty();
+  return elements_[index];
+}
+
+// On an object only: the member called `name`, or members_.end().
+Json::Members::const_iterator Json::find(const String& name) const {
+  auto it = std::lower_bound(members_.begin(), members_.end(), name,
+                             [](const auto& member, const String& n) { return member.first < n; });
+  return it != members_.end() && it->first == name ? it : members_.end();
 }
 
 const Json& Json::operator[](const String& name) const {
   if (type_ != Object) return empty();
-  auto it = members_->find(name);
-  return it == members_->end() ? empty() : it->second;
+  auto it = find(name);
+  return it == members_.end() ? empty() : it->second;
 }
 
-bool Json::has(const String& name) const {
-  return type_ == Object && members_->find(name) != members_->end();
-}
+bool Json::has(const String& name) const { return type_ == Object && find(name) != members_.end(); }
 
 const Json::Members& Json::members() const {
   static const Members none;
-  return type_ == Object ? *members_ : none;
+  return type_ == Object ? members_ : none;
 }
 
 const Json::Elements& Json::elements() const {
   static const Elements none;
-  return type_ == Array ? *elements_ : none;
+  return type_ == Array ? elements_ : none;
 }
 
 String Json::get_string(const String& name) const { return (*this)[name].as_string(); }
@@ -528,19 +727,35 @@ const Json& Json::get_array(const String& name) const {
 }
 
 Json& Json::set(const String& name, Json value) {
-  if (type_ != Object) *this = Json(Object);
-  (*members_)[name] = std::move(value);
+  if (type_ != Object) {
+    clear();
+    make(Object);
+  }
+  auto it = std::lower_bound(members_.begin(), members_.end(), name,
+                             [](const auto& member, const String& n) { return member.first < n; });
+  if (it != members_.end() && it->first == name) {
+    it->second = std::move(value);
+  } else {
+    members_.emplace(it, name, std::move(value));
+  }
   return *this;
 }
 
 Json& Json::push(Json value) {
-  if (type_ != Array) *this = Json(Array);
-  elements_->push_back(std::move(value));
+  if (type_ != Array) {
+    clear();
+    make(Array);
+  }
+  elements_.push_back(std::move(value));
   return *this;
 }
 
 bool Json::remove(const String& name) {
-  return type_ == Object && members_->erase(name) > 0;
+  if (type_ != Object) return false;
+  auto it = find(name);
+  if (it == members_.end()) return false;
+  members_.erase(it);
+  return true;
 }
 
 namespace {
@@ -580,7 +795,7 @@ void Json::append_to(String& out) const {
     case Array: {
       out.append('[');
       bool first = true;
-      for (const Json& e : *elements_) {
+      for (const Json& e : elements_) {
         if (!first) out.append(',');
         first = false;
         e.append_to(out);
@@ -591,7 +806,7 @@ void Json::append_to(String& out) const {
     case Object: {
       out.append('{');
       bool first = true;
-      for (const auto& [key, value] : *members_) {
+      for (const auto& [key, value] : members_) {
         if (!first) out.append(',');
         first = false;
         append_json_quoted(out, key);
@@ -621,9 +836,9 @@ bool Json::operator==(const Json& o) const {
     case Str:
       return string_ == o.string_;
     case Array:
-      return *elements_ == *o.elements_;
+      return elements_ == o.elements_;
     case Object:
-      return *members_ == *o.members_;
+      return members_ == o.members_;
   }
   return false;
 }

@@ -8,8 +8,8 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
-#include <memory>
+#include <new>
+#include <utility>
 #include <vector>
 
 #include "core/string.h"
@@ -17,13 +17,16 @@
 class Json {
  public:
   enum Type : uint8_t { Null = 0, Number = 1, Str = 2, Bool = 3, Array = 4, Object = 5 };
-  using Members = std::map<String, Json>;
+  // Members are kept sorted by key, bytewise, with no key twice.
+  using Members = std::vector<std::pair<String, Json>>;
   using Elements = std::vector<Json>;
 
   // Deepest nesting of containers that the reader follows (D4).
   static constexpr int max_depth = 256;
+  // Most values that one document may hold (D4: element counts are bounded too).
+  static constexpr int max_values = 1 << 22;
 
-  Json() noexcept {}
+  Json() noexcept : number_(0) {}
   // Tokenises `text` and parses the first value; what stands behind it is ignored.
   explicit Json(const String& text);
   explicit Json(const char* text) : Json(String(text)) {}
@@ -38,10 +41,17 @@ class Json {
   static Json object() { return Json(Object); }
 
   Json(const Json& other);
-  Json(Json&& other) noexcept;
+  Json(Json&& other) noexcept : type_(other.type_) { take(other); }
   Json& operator=(const Json& other);
-  Json& operator=(Json&& other) noexcept;
-  ~Json() = default;
+  Json& operator=(Json&& other) noexcept {
+    if (this != &other) {
+      clear();
+      type_ = other.type_;
+      take(other);
+    }
+    return *this;
+  }
+  ~Json() { clear(); }
 
   Type type() const { return type_; }
   bool is_null() const { return type_ == Null; }
@@ -68,7 +78,7 @@ class Json {
   const Json& operator[](const char* name) const { return (*this)[String(name)]; }
   bool has(const String& name) const;
   // For iteration: the members in key order (bytewise), the elements in order; empty for
-  // other types.
+  // other types. Member lookups are binary searches.
   const Members& members() const;
   const Elements& elements() const;
 
@@ -110,11 +120,35 @@ class Json {
  private:
   friend class JsonReader;
 
+  // Gives back what the value holds and leaves it null.
+  void clear() noexcept {
+    if (type_ >= Str && type_ != Bool) release();
+    type_ = Null;
+  }
+  void release() noexcept;
+  // Moves the payload of `o`, whose type this value has already taken, and makes `o` null.
+  void take(Json& o) noexcept {
+    if (type_ == Str || type_ >= Array) {
+      take_payload(o);
+    } else {
+      number_ = o.number_;
+    }
+    o.type_ = Null;
+    o.number_ = 0;
+  }
+  void take_payload(Json& o) noexcept;
+  // Turns a null value into an empty one of `type`.
+  void make(Type type);
+  Members::const_iterator find(const String& name) const;
+
   Type type_ = Null;
-  double number_ = 0;  // the number, or 0 and 1 for a bool
-  String string_;
-  std::unique_ptr<Elements> elements_;
-  std::unique_ptr<Members> members_;
+  // One payload, chosen by type_: a number (or 0 and 1 for a bool), a string or a container.
+  union {
+    double number_;
+    String string_;
+    Elements elements_;
+    Members members_;
+  };
 };
 
 // Cuts towards zero and saturates at the ends of the 64-bit range; NaN gives 0 (D13).

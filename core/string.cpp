@@ -333,8 +333,12 @@ String& String::append(const String& s) {
     *this = s;
     return *this;
   }
-  String keep(s);  // s may be *this or share our buffer
-  return append(keep.data(), keep.length());
+  if (&s == this) {
+    String keep(s);
+    return append(keep.data(), keep.length());
+  }
+  // Bytes inside our own buffer are copied first by the other append.
+  return append(s.data(), s.length());
 }
 
 String& String::append(const char* s) { return s ? append(s, static_cast<int>(strlen(s))) : *this; }

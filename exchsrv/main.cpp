@@ -18,7 +18,9 @@
 #include "sip/dns_resolver.h"
 #include "sip/interfaces.h"
 #include "sip/listening_ports.h"
+#include "sip/request_routing.h"
 #include "sip/sip_receive.h"
+#include "sip/sip_send.h"
 #include "sip/sip_tcp.h"
 
 static void write_stderr(const String& text) {
@@ -50,6 +52,8 @@ static void register_subsystems() {
   register_start_step(StartStage::bind_ports, bind_sip_udp_ports);
   register_control_party(sip_udp_party());
   sip_tcp_register();
+  sip_send_register();
+  request_routing_register();
   register_start_step(StartStage::bind_ports, bind_sip_tcp_ports);
   register_control_party(tcp_connection_party());
   register_control_party(tcp_listener_party());

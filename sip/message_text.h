@@ -23,5 +23,6 @@ String insert_replacement(const String& text, const LocalEnd& address, const Str
 String message_text(const TaggedText& message, const LocalEnd& address, const String& media_port,
                     const String& transport, String* cseq_method = nullptr);
 
-// The address map of "ip_replacement_list" is read at its first use; tests start over.
+// The address map of "ip_replacement_list" is read at its first use; tests start over
+// with this, while no message is being sent.
 void reset_ip_replacement_map();

@@ -1,7 +1,10 @@
 #include "sip/name_addr.h"
 
+#include <cstring>
+
 #include "sip/internal/char_class.h"
 #include "sip/internal/slice.h"
+#include "sip/internal/text_out.h"
 
 void NameAddr::assign(const String& text) {
   raw_ = text;
@@ -174,8 +177,8 @@ void NameAddr::parse() const {
     trim_span(p, rest, e);
   } else {
     display_quoted_ = false;
-    int lt = b;
-    while (lt < n && p[lt] != '<') lt++;
+    const void* found = b < n ? memchr(p + b, '<', static_cast<size_t>(n - b)) : nullptr;
+    int lt = found ? static_cast<int>(static_cast<const char*>(found) - p) : n;
     if (lt < n) {
       int de = lt;
       trim_span(p, b, de);
@@ -187,8 +190,9 @@ void NameAddr::parse() const {
 
   int pb = n;  // parameter text
   if (rest < n && p[rest] == '<') {
-    int gt = rest + 1;
-    while (gt < n && p[gt] != '>') gt++;
+    int from = rest + 1;
+    const void* found = from < n ? memchr(p + from, '>', static_cast<size_t>(n - from)) : nullptr;
+    int gt = found ? static_cast<int>(static_cast<const char*>(found) - p) : n;
     int ub = rest + 1;
     int ue = gt;
     trim_span(p, ub, ue);
@@ -219,7 +223,8 @@ void NameAddr::parse_params() const {
 
 namespace {
 
-void append_escaped_quoted(String& out, const String& v, bool control_too) {
+template <class Out>
+void append_escaped_quoted(Out& out, const String& v, bool control_too) {
   out.append('"');
   const char* p = v.c_data();
   int n = v.length();
@@ -246,23 +251,25 @@ bool all_token(const String& v) {
 
 }  // namespace
 
-void NameAddr::append_full(String& out) const {
-  parsed_all();
-  if (!display_.empty()) {
-    if (display_quoted_ || display_.contains('"') || display_.contains('\\'))
-      append_escaped_quoted(out, display_, false);
+namespace {
+
+template <class Out>
+void write_full(const NameAddr& a, Out& out) {
+  if (!a.display().empty()) {
+    if (a.display_quoted() || a.display().contains('"') || a.display().contains('\\'))
+      append_escaped_quoted(out, a.display(), false);
     else
-      put(out, display_);
+      put(out, a.display());
     out.append(' ');
   }
   out.append('<');
-  put(out, uri_.text());
+  put(out, a.uri().text());
   out.append('>');
-  if (!tag_.empty()) {
+  if (!a.tag().empty()) {
     out.append(";tag=");
-    put(out, tag_);
+    put(out, a.tag());
   }
-  for (const SipParam& prm : params_) {
+  for (const SipParam& prm : a.params()) {
     out.append(';');
     put(out, prm.name);
     out.append('=');
@@ -270,6 +277,11 @@ void NameAddr::append_full(String& out) const {
     else append_escaped_quoted(out, prm.value, true);
   }
 }
+
+}  // namespace
+
+void NameAddr::append_full(String& out) const { write_full(*this, out); }
+void NameAddr::append_full(TextOut& out) const { write_full(*this, out); }
 
 const String& NameAddr::text() const {
   if (!dirty_) return raw_;

@@ -6,6 +6,8 @@
 #include "sip/sip_params.h"
 #include "sip/sip_uri.h"
 
+class TextOut;
+
 class NameAddr {
  public:
   NameAddr() = default;
@@ -41,6 +43,7 @@ class NameAddr {
 
   // The normal form that every name-addr leaves in: display, <uri>, tag, parameters.
   void append_full(String& out) const;
+  void append_full(TextOut& out) const;
   String full() const {
     String out;
     append_full(out);

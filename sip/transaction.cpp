@@ -1,0 +1,420 @@
+#include "sip/transaction.h"
+
+#include <map>
+#include <vector>
+
+#include "core/command_line.h"
+#include "core/format.h"
+#include "core/log.h"
+#include "core/mutex.h"
+#include "core/random.h"
+#include "sip/branch.h"
+#include "sip/sip_hooks.h"
+#include "sip/sip_params.h"
+#include "sip/sip_send.h"
+
+namespace {
+
+std::multimap<String, PendingRef> pending;
+struct DialogCSeq {
+  uint32_t next;
+  uint32_t last_invite;
+};
+std::map<String, DialogCSeq> dialog_cseq;
+int link_count = 0;
+ResponseSink response_sink = nullptr;
+SipResolver resolver;
+
+void log_sip(int level, const String& text) {
+  if (log_enabled(LOG_SIP, level)) log_add_message_global(LOG_SIP, level, 0, text);
+}
+
+PendingRef ref_of(const CallbackObject& o) { return std::static_pointer_cast<PendingPacket>(o); }
+
+void route_pending_packet(const PendingRef& p);
+void resend_packet(const CallbackObject& o);
+
+bool is_literal(const String& host) { return !parse_adr(host).empty(); }
+
+// The "SIP/2.0/XXX" of our own top Via gets the word of the transport chosen now.
+void set_via_transport(SipMessage& m, const String& word) {
+  if (!m.is_request || m.via.empty()) return;
+  String& v = m.via[0];
+  int slash = v.find(String("SIP/2.0/"));
+  if (slash != 0) return;
+  int end = v.find(' ');
+  if (end < 0) return;
+  v = String("SIP/2.0/") + word.to_upper() + v.tail(end);
+}
+
+void send_a_packet(const PendingRef& p) {
+  SipMessage& m = p->message;
+  String word = p->transport.empty() ? String("udp") : p->transport;
+  if (word != "udp" && word != "tcp" && word != "tls") {
+    log_sip(4, format("send_a_packet: Transport %s not supported", word));
+    return;
+  }
+  set_via_transport(m, word);
+  Transport over = word == "tcp" ? Transport::tcp : word == "tls" ? Transport::tls : Transport::udp;
+  p->tagged = m.serialise(over);
+  SendOrder order;
+  order.socket_key = p->socket_key;
+  order.message = p->tagged;
+  order.destination = p->target;
+  order.transport = word;
+  order.whitelist = m.is_request ? m.port_index >= 0 : (m.status >= 180 && m.status < 300);
+  post_send_order(order);
+}
+
+void arm_retransmission(const PendingRef& p) {
+  if (!p->retransmit || p->transport != "udp") return;
+  p->interval_units = 1;
+  p->retransmit_timer.callback(service_queue, 500, callback_argument(resend_packet, CallbackObject(p)));
+}
+
+// A response built here when a request can't go anywhere; it takes the path of a
+// received response so that the caller sees one way for remote and local failure.
+void local_response(const PendingRef& p, int status, const char* reason) {
+  if (!p->message.is_request || p->message.method == method_ack) return;
+  SipMessage r(status, String(reason), p->first_message.is_request ? p->first_message : p->message);
+  r.received = String("local");
+  if (response_sink) response_sink(r);
+}
+
+void resend_packet(const CallbackObject& o) {
+  PendingRef p = ref_of(o);
+  must_own(srv_run_mutex, "resend_packet", 1);
+  if (p->final_seen) return;
+  if (p->retransmit && !p->target.empty() && p->transport == "udp" && p->message.method != method_discover) {
+    // Requests other than INVITE stop doubling at 4 s; INVITE goes on until its life ends.
+    if (!p->message.is_request || p->message.method == method_invite || p->interval_units < 8) p->interval_units *= 2;
+    post_send_order([&] {
+      SendOrder order;
+      order.socket_key = p->socket_key;
+      order.message = p->tagged;
+      order.destination = p->target;
+      order.transport = p->transport;
+      return order;
+    }());
+    p->retransmit_timer.callback(service_queue, static_cast<int64_t>(p->interval_units) * 500,
+                                 callback_argument(resend_packet, o));
+    return;
+  }
+  route_pending_packet(p);
+}
+
+void pending_packet_timeout(const CallbackObject& o) {
+  PendingRef p = ref_of(o);
+  must_own(srv_run_mutex, "pending_packet_timeout", 1);
+  p->retransmit_timer.clear();
+  if (p->message.is_request && !p->final_seen) {
+    local_response(p, 408, "Request Timeout");
+  } else if (!p->message.is_request && !p->final_seen && p->message.cseq_method == method_invite &&
+             p->message.status >= 200) {
+    log_sip(4, format("Did not receive ACK, disconnecting call %s", p->message.call_id));
+  }
+  erase_pending_packet(p, p->message.call_id);
+}
+
+void link_pending_packet(const String& call_id, const PendingRef& p) {
+  if (++link_count % 16 == 0) {
+    log_sip(9, format("%d callids pending", static_cast<int>(pending.size())));
+    Tick now = Tick::now();
+    for (auto it = pending.begin(); it != pending.end();) {
+      if (sec(now, it->second->created) > 600) {
+        log_sip(5, String("Found expired pending packet"));
+        it->second->retransmit_timer.clear();
+        it->second->life_timer.clear();
+        it = pending.erase(it);
+      } else {
+        ++it;
+      }
+    }
+  }
+  pending.emplace(call_id, p);
+}
+
+PendingRef make_pending(SipMessage&& m) {
+  auto p = std::make_shared<PendingPacket>();
+  p->created = Tick::now();
+  p->socket_key = m.socket_key;
+  p->first_message = m;
+  p->message = static_cast<SipMessage&&>(m);
+  int64_t life = p->message.timeout > 0 ? static_cast<int64_t>(p->message.timeout) * 1000 : pending_life_ms;
+  p->life_timer.callback(service_queue, life, callback_argument(pending_packet_timeout, CallbackObject(p)));
+  link_pending_packet(p->message.call_id, p);
+  return p;
+}
+
+// "url <uri>": the lines that reach the URI's host.
+void expand_url(const PendingRef& p, const String& uri_text) {
+  SipUri uri(uri_text);
+  String transport = uri_param(uri, String("transport")).to_lower();
+  bool tls = transport == "tls" || uri.scheme().equals_nocase("sips");
+  String word = tls ? String("tls") : transport == "tcp" ? String("tcp") : String("udp");
+  String host = uri.host();
+  if (host.starts_with(String("["))) host = host.substr(1, host.length() - 2);
+  String port = uri.port();
+  std::vector<String> lines;
+  if (is_literal(host)) {
+    lines.push_back(format("%s %s %d", word, host, port.empty() ? (tls ? 5061 : 5060) : port.to_int()));
+  } else {
+    String p_text = port.empty() ? String(tls ? "5061" : "5060") : port;
+    if (startup_options.use_ipv6) lines.push_back(format("aaaa %s %s %s", word, host, p_text));
+    if (startup_options.use_ipv4) lines.push_back(format("a %s %s %s", word, host, p_text));
+  }
+  for (auto it = lines.rbegin(); it != lines.rend(); ++it) p->resolve_list.push_front(*it);
+}
+
+void retry_route(const CallbackObject& o) { route_pending_packet(ref_of(o)); }
+
+void route_pending_packet(const PendingRef& p) {
+  while (!p->resolve_list.empty()) {
+    String line = p->resolve_list.front();
+    log_sip(9, format("Resolve %d: %s", p->iterations, line));
+    if (++p->iterations > p->max_iterations) {
+      log_sip(2, format("Cannot route packet %d (too many iterations): %s", p->iterations, line));
+      p->resolve_list.clear();
+      break;
+    }
+    String verb = line.word(0, ' ');
+    if (verb == "udp" || verb == "tcp" || verb == "tls") {
+      p->resolve_list.pop_front();
+      if (verb == "udp" && p->message.tls_only) continue;
+      p->target = Address(parse_adr(line.word(1, ' ')), line.word(2, ' ').to_int());
+      p->transport = verb;
+      send_a_packet(p);
+      arm_retransmission(p);
+      return;
+    }
+    if (verb == "url") {
+      p->resolve_list.pop_front();
+      expand_url(p, line.words_from(1, ' '));
+      continue;
+    }
+    if (verb == "a" || verb == "aaaa") {
+      String word = line.word(1, ' '), host = line.word(2, ' '), port = line.word(3, ' ');
+      if (port.empty()) port = String("5060");
+      String adr = parse_adr(host);
+      bool v6 = verb == "aaaa";
+      if (!adr.empty() && (adr.length() == 16) != v6) {
+        p->resolve_list.pop_front();
+        continue;
+      }
+      if (adr.empty() && resolver.lookup && !resolver.lookup(host, v6, adr)) {
+        if (resolver.request) {
+          resolver.request(host, v6, retry_route, CallbackObject(p));
+          return;  // the line stays; the answer will be in the cache
+        }
+      }
+      p->resolve_list.pop_front();
+      if (!adr.empty()) p->resolve_list.push_front(format("%s %s %s", word, adr_text(adr), port));
+      continue;
+    }
+    log_sip(2, format("Internal error: Unknown DNS resolve type %s", verb));
+    p->resolve_list.pop_front();
+  }
+  log_sip(3, format("Could not determine destination address on %d", p->iterations));
+  if (p->message.is_request && p->message.method != method_ack) {
+    p->final_seen = true;
+    local_response(p, 404, "Not Found");
+    erase_pending_packet(p, p->message.call_id);
+  }
+}
+
+struct ViaParts {
+  String protocol, host, port, rport, received, maddr;
+};
+
+ViaParts read_via(const String& via) {
+  ViaParts v;
+  v.protocol = via.word(0, ' ');
+  String rest = via.words_from(1, ' ');
+  int semi = rest.find(';');
+  String sent_by = (semi >= 0 ? rest.head(semi) : rest).trim();
+  v.host = host_part(sent_by);
+  v.port = port_part(sent_by);
+  String params = semi >= 0 ? rest.tail(semi) : String();
+  v.rport = param_value(params, String("rport"), ';');
+  v.received = param_value(params, String("received"), ';');
+  v.maddr = param_value(params, String("maddr"), ';');
+  return v;
+}
+
+void send_response(SipMessage&& m) {
+  // A new response replaces the one pending for the same transaction.
+  String from_tag = m.from.tag();
+  auto range = pending.equal_range(m.call_id);
+  std::vector<PendingRef> replaced;
+  for (auto it = range.first; it != range.second; ++it) {
+    PendingPacket& q = *it->second;
+    if (q.message.is_request || q.message.cseq != m.cseq || q.message.cseq_method != m.cseq_method ||
+        q.message.from.tag() != from_tag)
+      continue;
+    replaced.push_back(it->second);
+  }
+  for (const PendingRef& q : replaced) erase_pending_packet(q, m.call_id);
+  if (m.via.empty()) {
+    log_sip(3, format("Via is empty for %s, cannot send reply to %s", m.call_id, m.received));
+    return;
+  }
+  ViaParts via = read_via(m.via[0]);
+  String word = via.protocol.to_lower();
+  if (word == "sip/2.0/udp") word = String("udp");
+  else if (word == "sip/2.0/tcp") word = String("tcp");
+  else if (word == "sip/2.0/tls") word = String("tls");
+  else {
+    log_sip(3, format("Unsupported transport layer in %s", m.via[0]));
+    word = via.protocol.words_from(2, '/').to_lower();
+  }
+  int port = via.port.is_int() ? via.port.to_int() : (word == "tls" ? 5061 : 5060);
+  if (via.rport.is_int()) port = via.rport.to_int();
+  bool retransmit = m.cseq_method == method_invite && (m.status >= 200 || (m.status >= 180 && !m.header(String("RSeq")).empty()));
+  PendingRef p = make_pending(static_cast<SipMessage&&>(m));
+  p->retransmit = retransmit;
+  if (!via.maddr.empty()) {
+    p->resolve_list.push_back(format("aaaa %s %s %d", word, via.maddr, port));
+    p->resolve_list.push_back(format("a %s %s %d", word, via.maddr, port));
+  } else if (!via.received.empty()) {
+    p->resolve_list.push_back(format("%s %s %d", word, via.received, port));
+  } else {
+    p->resolve_list.push_back(format("aaaa %s %s %d", word, via.host, port));
+    p->resolve_list.push_back(format("a %s %s %d", word, via.host, port));
+  }
+  route_pending_packet(p);
+}
+
+void send_request(SipMessage&& m) {
+  if (m.method != method_notify || m.cseq == 0) {
+    String key = m.from.tag().empty() ? m.call_id : format("%s %s", m.call_id, m.from.tag());
+    auto found = dialog_cseq.find(key);
+    if (found == dialog_cseq.end()) {
+      if (m.method == method_notify)
+        log_sip(4, format("Unregistered subscription %s (tag=%s)", m.call_id, m.from.tag()));
+      found = dialog_cseq.emplace(key, DialogCSeq{random_below(32768) + 1, 0}).first;
+    }
+    if (m.method == method_ack || m.method == method_cancel) {
+      m.cseq = found->second.last_invite ? found->second.last_invite : m.cseq;
+    } else {
+      m.cseq = found->second.next++;
+      if (m.method == method_invite) found->second.last_invite = m.cseq;
+    }
+  }
+  if (m.from.raw().empty() || m.to.raw().empty() || m.call_id.empty()) {
+    const char* missing = m.from.raw().empty() ? "From" : m.to.raw().empty() ? "To" : "Call-ID";
+    log_sip(3, format("send_packet %s: %s missing %s", m.method, missing, m.call_id));
+    return;
+  }
+  String kind = m.socket_key.word(0, ':');
+  bool connection = kind == "tcp" || kind == "tls" || kind == "ctcp" || kind == "ctls";
+  set_via_suffix(m);
+  String via_word = connection ? (kind == "tcp" || kind == "ctcp" ? String("TCP") : String("TLS")) : String("XXX");
+  String via = sip_setting(String("no_rport")) == "true" || m.method == method_options
+                   ? format("SIP/2.0/%s {x-pre-adr}:{x-pre-port}%s", via_word, m.via_suffix)
+                   : format("SIP/2.0/%s {x-pre-adr}:{x-pre-port}%s;rport", via_word, m.via_suffix);
+  SmallList<String, 4> vias;
+  vias.push_back(via);
+  m.via = static_cast<SmallList<String, 4>&&>(vias);
+  bool retransmit = m.method != method_ack;
+  PendingRef p = make_pending(static_cast<SipMessage&&>(m));
+  p->retransmit = retransmit && !connection;
+  if (connection) {
+    p->transport = kind == "tcp" || kind == "ctcp" ? String("tcp") : String("tls");
+    send_a_packet(p);
+    return;
+  }
+  SipMessage& msg = p->message;
+  String target;
+  if (!msg.route.empty() && !msg.ignore_route) target = msg.route[0].uri().text();
+  else if (msg.proxy == "sip:loopback") p->resolve_list.push_back(String("udp 127.0.0.1 5060"));
+  else if (!msg.proxy.empty()) target = msg.proxy.contains(':') ? msg.proxy : String("sip:") + msg.proxy;
+  else target = msg.request_uri.text();
+  if (!target.empty()) p->resolve_list.push_back(String("url ") + target);
+  route_pending_packet(p);
+}
+
+}  // namespace
+
+void set_local_response_sink(ResponseSink sink) { response_sink = sink; }
+void set_sip_resolver(const SipResolver& r) { resolver = r; }
+
+void send_packet(SipMessage message) {
+  must_own(srv_run_mutex, "send_packet", 1);
+  if (message.is_request) send_request(static_cast<SipMessage&&>(message));
+  else send_response(static_cast<SipMessage&&>(message));
+}
+
+void erase_pending_packet(const PendingRef& p, const String& call_id) {
+  auto range = pending.equal_range(call_id);
+  for (auto it = range.first; it != range.second; ++it) {
+    if (it->second == p) {
+      pending.erase(it);
+      break;
+    }
+  }
+  p->retransmit_timer.clear();
+  p->life_timer.clear();
+}
+
+int pending_packet_count() { return static_cast<int>(pending.size()); }
+
+void clear_pending_packets() {
+  for (auto& [id, p] : pending) {
+    p->retransmit_timer.clear();
+    p->life_timer.clear();
+  }
+  pending.clear();
+  dialog_cseq.clear();
+}
+
+bool message_repetition(const SipMessage& m) {
+  auto range = pending.equal_range(m.call_id);
+  std::vector<PendingRef> same;
+  String from_tag = m.from.tag();
+  for (auto it = range.first; it != range.second; ++it)
+    if (it->second->message.from.tag() == from_tag) same.push_back(it->second);
+  for (const PendingRef& p : same) {
+    if (p->message.cseq != m.cseq) continue;
+    if (!m.is_request) {
+      if (p->message.is_request && p->message.method == method_ack && m.cseq_method == method_invite) {
+        send_a_packet(p);
+        return true;
+      }
+      if (p->message.is_request && p->message.cseq_method == m.cseq_method) {
+        if (m.status >= 200) p->final_seen = true;
+        p->retransmit_timer.clear();
+        return m.status < 180;
+      }
+      continue;
+    }
+    if (m.method == method_ack) {
+      if (!p->message.is_request && p->message.cseq_method == method_invite) {
+        p->final_seen = true;
+        p->retransmit_timer.clear();
+      }
+      continue;
+    }
+    if (!p->message.is_request && p->message.cseq_method == m.method && !p->retransmit_timer.armed()) {
+      // A request we answered already: over UDP the stored answer goes out again.
+      if (p->transport == "udp" && !p->tagged.empty()) {
+        SendOrder order;
+        order.socket_key = p->socket_key;
+        order.message = p->tagged;
+        order.destination = p->target;
+        order.transport = p->transport;
+        post_send_order(order);
+      }
+      return true;
+    }
+  }
+  return false;
+}
+
+void stop_message_repetition(const String& call_id, uint32_t cseq, const String& method) {
+  auto range = pending.equal_range(call_id);
+  for (auto it = range.first; it != range.second; ++it) {
+    PendingPacket& p = *it->second;
+    if (!p.message.is_request && p.message.status < 200 && p.message.cseq == cseq && p.message.cseq_method == method)
+      p.retransmit_timer.clear();
+  }
+}

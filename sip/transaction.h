@@ -1,0 +1,60 @@
+// The memory of SIP transactions in the service half: every message that goes out is
+// kept as a PendingPacket until its life ends, so that retransmissions are answered
+// from it, requests are sent again over UDP, and an unanswered request ends in a local
+// 408. Service half only (srv_run_mutex).
+#pragma once
+
+#include <deque>
+#include <memory>
+
+#include "core/address.h"
+#include "core/tick.h"
+#include "core/timeout.h"
+#include "sip/sip_message.h"
+
+struct PendingPacket {
+  SipMessage first_message;
+  TaggedText tagged;
+  SipMessage message;
+  bool final_seen = false;
+  String socket_key;
+  Address target;
+  String transport;  // of the current target
+  bool retransmit = false;
+  std::deque<String> resolve_list;
+  int iterations = 0;
+  int max_iterations = 50;
+  Timeout retransmit_timer;
+  Timeout life_timer;
+  int interval_units = 0;
+  Tick created;
+  bool superseded = false;
+};
+using PendingRef = std::shared_ptr<PendingPacket>;
+
+// Hands a message to the network; the caller gives it up.
+void send_packet(SipMessage message);
+// True if the packet is a repetition that has been dealt with.
+bool message_repetition(const SipMessage& message);
+void stop_message_repetition(const String& call_id, uint32_t cseq, const String& method);
+void erase_pending_packet(const PendingRef& pending, const String& call_id);
+int pending_packet_count();
+// For tests: forgets every pending packet.
+void clear_pending_packets();
+
+// Locally built responses (404 when no route, 408 on time-out) go where received
+// responses go. Filled in by the request routing.
+using ResponseSink = void (*)(SipMessage& response);
+void set_local_response_sink(ResponseSink sink);
+
+// Address look-ups of host names for the resolver lines: true with the first address
+// (4 or 16 bytes) when known now; otherwise a request is started and `retry` runs with
+// the pending packet when the answer is in. Filled in by the DNS resolver.
+struct SipResolver {
+  bool (*lookup)(const String& name, bool ipv6, String& adr) = nullptr;
+  void (*request)(const String& name, bool ipv6, void (*retry)(const CallbackObject&), const CallbackObject& pending) = nullptr;
+};
+void set_sip_resolver(const SipResolver& resolver);
+
+// Life of a transaction when the message sets no time-out.
+constexpr int64_t pending_life_ms = 32000;

@@ -1,0 +1,181 @@
+#include "sip/registration.h"
+
+#include <gtest/gtest.h>
+
+#include <vector>
+
+#include "core/posting.h"
+#include "core/tagged_text.h"
+#include "security/md5.h"
+#include "sip/message_text.h"
+#include "sip/request_routing.h"
+#include "sip/sip_send.h"
+#include "sip/transaction.h"
+#include "tests/support/test_support.h"
+
+namespace {
+
+std::vector<String> answers;            // texts sent to the phone
+std::vector<std::pair<int, TaggedText>> to_control;
+
+void capture_send(const String& value) {
+  SendOrder order;
+  if (!read_send_order(value, order)) return;
+  LocalEnd end;
+  end.ip = String("127.0.0.1");
+  end.port = 5060;
+  answers.push_back(message_text(order.message, end, String(), order.transport));
+}
+
+template <int tag>
+void capture_control(const String& value) {
+  to_control.emplace_back(tag, TaggedText(value));
+}
+
+String md5_hex(const String& s) { return hex(md5(s)); }
+
+class RegistrationTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    answers.clear();
+    to_control.clear();
+    clear_pending_packets();
+    clear_registrations();
+    request_routing_register();
+    registration_register();
+    register_control_handler(tag_sip_send, capture_send);
+    register_control_handler(tag_credentials_question, capture_control<tag_credentials_question>);
+    register_control_handler(tag_registration_request, capture_control<tag_registration_request>);
+    register_control_handler(tag_registration_refresh, capture_control<tag_registration_refresh>);
+    register_control_handler(tag_authentication_failed, capture_control<tag_authentication_failed>);
+  }
+  void TearDown() override {
+    clear_pending_packets();
+    clear_registrations();
+    routing_hooks = RoutingHooks();
+  }
+
+  void receive(const String& text) {
+    ReceivedPacket p;
+    p.socket_key = String("udp:5060");
+    p.text = text;
+    p.transport = String("udp");
+    p.source = Address(parse_adr(String("127.0.0.1")), 5062);
+    p.local = Address(parse_adr(String("127.0.0.1")), 5060);
+    receive_packet(p);
+    exchsrv_soap();
+  }
+
+  static String register_text(int cseq, const String& authorization = String()) {
+    String auth = authorization.empty() ? String() : "Authorization: " + authorization + "\r\n";
+    return format("REGISTER sip:pbx.test SIP/2.0\r\n"
+                  "Via: SIP/2.0/UDP 127.0.0.1:5062;branch=z9hG4bK%d;rport\r\n"
+                  "From: <sip:1001@pbx.test>;tag=ft\r\nTo: <sip:1001@pbx.test>\r\n"
+                  "Call-ID: reg-1\r\nCSeq: %d REGISTER\r\nContact: <sip:1001@127.0.0.1:5062>\r\n"
+                  "Expires: 3600\r\n%sContent-Length: 0\r\n\r\n",
+                  cseq, cseq, auth);
+  }
+
+  static void answer_policy() {
+    TaggedText t;
+    (void)t.add(rec_call_id, String("reg-1"));
+    (void)t.add(rec_account_found, true);
+    (void)t.add(rec_realm, String("pbx.test"));
+    (void)t.add(rec_domain, 1);
+    (void)t.add(rec_user, String("1001"));
+    (void)t.add(rec_password, String("secret"));
+    TaggedText outer;
+    (void)outer.add(tag_register_policy, t);
+    pbxsrv_post(outer.text());
+    pbxsrv_soap();
+    exchsrv_soap();
+  }
+
+  static void answer_request(int cseq, int status, int expires) {
+    TaggedText t;
+    (void)t.add(rec_call_id, String("reg-1"));
+    (void)t.add(rec_cseq, cseq);
+    (void)t.add(rec_status, status);
+    (void)t.add(rec_reason, String(status < 300 ? "Ok" : "Forbidden"));
+    (void)t.add(rec_expires, expires);
+    TaggedText outer;
+    (void)outer.add(tag_register_response, t);
+    pbxsrv_post(outer.text());
+    pbxsrv_soap();
+    exchsrv_soap();
+  }
+
+  static String authorization_for(const String& challenge, const char* password) {
+    String nonce = challenge.substr(challenge.find(String("nonce=\"")) + 7, 32);
+    String ha1 = md5_hex(format("1001:pbx.test:%s", password));
+    String ha2 = md5_hex(String("REGISTER:sip:pbx.test"));
+    return format("Digest username=\"1001\",realm=\"pbx.test\",nonce=\"%s\",uri=\"sip:pbx.test\",response=\"%s\"",
+                  nonce, md5_hex(format("%s:%s:%s", ha1, nonce, ha2)));
+  }
+};
+
+}  // namespace
+
+// Challenge, admission, and refreshes that the service half answers by itself.
+TEST_F(RegistrationTest, ChallengeAdmitAndRefreshLocally) {
+  receive(register_text(1));
+  ASSERT_EQ(to_control.size(), 1u);
+  EXPECT_EQ(to_control[0].first, tag_credentials_question);
+  EXPECT_TRUE(answers.empty());
+  answer_policy();
+  ASSERT_EQ(answers.size(), 1u);
+  EXPECT_TRUE(answers[0].starts_with(String("SIP/2.0 401 Authentication Required")));
+  String challenge = header_value(answers[0], String("WWW-Authenticate"));
+  ASSERT_FALSE(challenge.empty());
+
+  receive(register_text(2, authorization_for(challenge, "secret")));
+  ASSERT_EQ(to_control.back().first, tag_registration_request);
+  EXPECT_EQ(to_control.back().second.find(rec_expires), String("3600"));
+  answer_request(2, 200, 3600);
+  ASSERT_EQ(answers.size(), 2u);
+  EXPECT_TRUE(answers[1].starts_with(String("SIP/2.0 200 Ok")));
+  String contact = header_value(answers[1], String("Contact"));
+  int expires = contact.tail(contact.find(String("expires=")) + 8).to_int();
+  EXPECT_GE(expires, 3598);
+  EXPECT_LE(expires, 3602);
+
+  // Two refreshes: no Authorization needed, nothing but the refresh notice crosses over.
+  size_t crossings = to_control.size();
+  receive(register_text(3));
+  receive(register_text(4));
+  ASSERT_EQ(answers.size(), 4u);
+  EXPECT_TRUE(answers[3].starts_with(String("SIP/2.0 200 Ok")));
+  ASSERT_EQ(to_control.size(), crossings + 2);
+  EXPECT_EQ(to_control.back().first, tag_registration_refresh);
+  EXPECT_TRUE(source_is_registered(Address(parse_adr(String("127.0.0.1")), 5062)));
+}
+
+TEST_F(RegistrationTest, WrongPasswordGetsTheWarningAndCountsAsAFailure) {
+  receive(register_text(1));
+  answer_policy();
+  String challenge = header_value(answers[0], String("WWW-Authenticate"));
+  receive(register_text(2, authorization_for(challenge, "guess")));
+  ASSERT_EQ(answers.size(), 2u);
+  EXPECT_TRUE(answers[1].starts_with(String("SIP/2.0 401 Authentication Required")));
+  EXPECT_EQ(header_value(answers[1], String("Warning")), String("399 pbx.test Password does not match"));
+  EXPECT_TRUE(header_value(answers[1], String("WWW-Authenticate")).empty());
+  EXPECT_EQ(to_control.back().first, tag_authentication_failed);
+  // The next request without Authorization gets a fresh challenge.
+  receive(register_text(3));
+  EXPECT_FALSE(header_value(answers.back(), String("WWW-Authenticate")).empty());
+}
+
+TEST_F(RegistrationTest, UnknownAccountGets404WithRetryAfter) {
+  receive(register_text(1));
+  TaggedText t;
+  (void)t.add(rec_call_id, String("reg-1"));
+  (void)t.add(rec_account_found, false);
+  TaggedText outer;
+  (void)outer.add(tag_register_policy, t);
+  pbxsrv_post(outer.text());
+  pbxsrv_soap();
+  exchsrv_soap();
+  ASSERT_EQ(answers.size(), 1u);
+  EXPECT_TRUE(answers[0].starts_with(String("SIP/2.0 404 Not Found")));
+  EXPECT_EQ(header_value(answers[0], String("Retry-After")), String("3600"));
+}

@@ -1,0 +1,191 @@
+#include "sip/request_routing.h"
+
+#include <gtest/gtest.h>
+
+#include <vector>
+
+#include "core/posting.h"
+#include "core/tick.h"
+#include "core/timeout.h"
+#include "sip/message_text.h"
+#include "sip/sip_hooks.h"
+#include "sip/sip_send.h"
+#include "sip/transaction.h"
+#include "tests/support/test_support.h"
+
+namespace {
+
+int64_t fake_now = 1000000000;
+int64_t fake_clock() { return fake_now; }
+
+struct Sent {
+  int64_t at_ms;
+  SendOrder order;
+  String text;
+};
+std::vector<Sent> sent;
+std::vector<SipMessage> local_responses;
+
+void capture_send(const String& value) {
+  SendOrder order;
+  if (!read_send_order(value, order)) return;
+  LocalEnd end;
+  end.ip = String("192.0.2.10");
+  end.port = 5060;
+  sent.push_back({(fake_now - 1000000000) / 1000000, order, message_text(order.message, end, String(), order.transport)});
+}
+
+bool capture_response(SipMessage& r) {
+  local_responses.push_back(r);
+  return true;
+}
+
+String setting(const String& name) {
+  if (name == "out_of_dialog_options") return String("true");
+  return String();
+}
+
+class RoutingTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    tick_set_source(fake_clock);
+    sent.clear();
+    local_responses.clear();
+    clear_pending_packets();
+    request_routing_register();
+    register_control_handler(tag_sip_send, capture_send);
+    sip_hooks.setting = setting;
+    routing_hooks = RoutingHooks();
+    routing_hooks.dialog_response = capture_response;
+  }
+  void TearDown() override {
+    clear_pending_packets();
+    sip_hooks.setting = nullptr;
+    tick_set_source(nullptr);
+  }
+
+  void receive(const String& text, const char* source = "127.0.0.9", int port = 5062) {
+    ReceivedPacket p;
+    p.socket_key = String("udp:5060");
+    p.text = text;
+    p.transport = String("udp");
+    p.source = Address(parse_adr(String(source)), port);
+    p.local = Address(parse_adr(String("127.0.0.1")), 5060);
+    receive_packet(p);
+    exchsrv_soap();
+  }
+
+  // Moves the fake clock on, running the service timers that fall due on the way.
+  void advance_to(int64_t ms) {
+    int64_t target = 1000000000 + ms * 1000000;
+    for (;;) {
+      Tick now;
+      uint64_t id;
+      int64_t d = service_queue.delay(now, id, true);
+      if (d < 0 || fake_now + d * 1000000 > target) break;
+      fake_now += d * 1000000;
+      service_queue.next();
+      exchsrv_soap();
+    }
+    fake_now = target;
+  }
+
+  static String request(const char* method, const char* extra = "") {
+    return format("%s sip:pbx.test SIP/2.0\r\n"
+                  "Via: SIP/2.0/UDP 10.0.0.5:5062;branch=z9hG4bK77\r\n"
+                  "From: <sip:1001@pbx.test>;tag=ft\r\nTo: <sip:pbx.test>\r\n"
+                  "Call-ID: call-%s\r\nCSeq: 1 %s\r\n%sContent-Length: 0\r\n\r\n",
+                  method, method, method, extra);
+  }
+};
+
+}  // namespace
+
+TEST_F(RoutingTest, OutOfDialogAnswers) {
+  struct Case {
+    const char* method;
+    const char* extra;
+    const char* first_line;
+  } cases[] = {
+      {"OPTIONS", "", "SIP/2.0 200 Ok"},
+      {"BYE", "", "SIP/2.0 481 Call/Transaction Does Not Exist"},
+      {"FOO", "", "SIP/2.0 501 Not Supported"},
+      {"PING", "", "SIP/2.0 200 Keep Alive"},
+      {"NOTIFY", "Event: keep-alive\r\n", "SIP/2.0 200 Keep Alive"},
+      {"INVITE", "", "SIP/2.0 400 Bad Request"},
+      {"REGISTER", "Contact: <sip:a@1.2.3.4>\r\nContact: <sip:b@1.2.3.4>\r\n", "SIP/2.0 500 Expecting One Contact"},
+      {"REGISTER", "Contact: *\r\n", "SIP/2.0 200 Ok"},
+  };
+  for (const auto& c : cases) {
+    sent.clear();
+    clear_pending_packets();
+    receive(request(c.method, c.extra));
+    ASSERT_EQ(sent.size(), 1u) << c.method;
+    EXPECT_TRUE(sent[0].text.starts_with(String(c.first_line))) << to_std(sent[0].text);
+  }
+  // The OPTIONS answer offers the methods and tags the To.
+  sent.clear();
+  clear_pending_packets();
+  receive(request("OPTIONS"));
+  ASSERT_EQ(sent.size(), 1u);
+  EXPECT_TRUE(sent[0].text.contains(String("Allow: INVITE, ACK, CANCEL, BYE, REFER, PRACK, INFO, UPDATE\r\n")));
+  EXPECT_TRUE(sent[0].text.contains(String("To: <sip:pbx.test>;tag=")));
+}
+
+TEST_F(RoutingTest, ResponseGoesToTheRealSourceWithReceivedAndRport) {
+  receive(request("OPTIONS"), "127.0.0.9", 40000);
+  ASSERT_EQ(sent.size(), 1u);
+  EXPECT_EQ(sent[0].order.destination, Address(parse_adr(String("127.0.0.9")), 40000));
+  EXPECT_TRUE(sent[0].text.contains(String("Via: SIP/2.0/UDP 10.0.0.5:5062;branch=z9hG4bK77;rport=40000;received=127.0.0.9\r\n")));
+}
+
+TEST_F(RoutingTest, RepeatedRequestGetsTheStoredAnswer) {
+  LogCapture log;
+  receive(request("OPTIONS"));
+  receive(request("OPTIONS"));
+  ASSERT_EQ(sent.size(), 2u);
+  EXPECT_EQ(sent[0].text, sent[1].text);
+  EXPECT_TRUE(log.contains("Message repetition, packet dropped"));
+}
+
+TEST_F(RoutingTest, ScannersAndNoViaGetSilence) {
+  LogCapture log;
+  receive(request("OPTIONS", "User-Agent: friendly-scanner/1.0\r\n"));
+  EXPECT_TRUE(sent.empty());
+  EXPECT_TRUE(log.contains("ignored because of user-agent friendly-scanner"));
+  receive(String("OPTIONS sip:x SIP/2.0\r\nVia: ,,,\r\nCall-ID: v\r\nCSeq: 1 OPTIONS\r\n\r\n"));
+  receive(String("SIP/2.0 abc Whatever\r\nVia: SIP/2.0/UDP 1.2.3.4\r\nCall-ID: r\r\nCSeq: 1 OPTIONS\r\n\r\n"));
+  receive(String("OPTIONS sip:x SIP/2.0\r\nCall-ID: nv\r\nCSeq: 1 OPTIONS\r\n\r\n"));
+  EXPECT_TRUE(sent.empty());
+}
+
+// A request to a silent peer goes out at 0, 0.5, 1.5, 3.5 and 7.5 s, then every 4 s,
+// and the transaction ends after 32 s with a local 408.
+TEST_F(RoutingTest, RetransmissionScheduleAndTimeout) {
+  SipMessage m(String("OPTIONS"), NameAddr(String("<sip:pbx@pbx.test>;tag=lt")), NameAddr(String("<sip:peer@127.0.0.9>")),
+               String("retrans-1"), String());
+  m.request_uri = String("sip:peer@127.0.0.9:5099");
+  send_packet(m);
+  exchsrv_soap();
+  advance_to(40000);
+  std::vector<int64_t> times;
+  for (const Sent& s : sent) times.push_back(s.at_ms);
+  ASSERT_GE(times.size(), 5u);
+  std::vector<int64_t> first(times.begin(), times.begin() + 5);
+  EXPECT_EQ(first, (std::vector<int64_t>{0, 500, 1500, 3500, 7500}));
+  EXPECT_EQ(times.back(), 31500);
+  EXPECT_EQ(sent[0].order.destination, Address(parse_adr(String("127.0.0.9")), 5099));
+  ASSERT_EQ(local_responses.size(), 1u);
+  EXPECT_EQ(local_responses[0].status, 408);
+  EXPECT_EQ(pending_packet_count(), 0);
+}
+
+TEST_F(RoutingTest, UnresolvableHostGivesALocal404) {
+  SipMessage m(String("OPTIONS"), NameAddr(String("<sip:pbx@pbx.test>;tag=lt")), NameAddr(String("<sip:x@nowhere.test>")),
+               String("unres-1"), String());
+  m.request_uri = String("sip:x@nowhere.test");
+  send_packet(m);
+  EXPECT_TRUE(sent.empty());
+  ASSERT_EQ(local_responses.size(), 1u);
+  EXPECT_EQ(local_responses[0].status, 404);
+}
