@@ -465,6 +465,31 @@ std::vector<String> dns_sort_lines(const String& text, bool weights) {
   return out;
 }
 
+namespace {
+
+bool sip_lookup(const String& name, bool ipv6, String& adr) {
+  String out;
+  if (!cache_lookup(name, ipv6 ? dns_aaaa : dns_a, out, false)) return false;
+  adr = parse_adr(out);
+  return true;
+}
+
+void sip_request(const String& name, bool ipv6, void (*retry)(const CallbackObject&), const CallbackObject& pending) {
+  int type = ipv6 ? dns_aaaa : dns_a;
+  if (request_dns(name, type, callback_argument(retry, pending))) return;
+  add_cache(name.empty() ? String("-") : name, String(), negative_ttl, type, true);
+  retry(pending);
+}
+
+}  // namespace
+
+SipResolver dns_sip_resolver() {
+  SipResolver r;
+  r.lookup = sip_lookup;
+  r.request = sip_request;
+  return r;
+}
+
 void dns_open_sockets() {
   MutexGuard g(dns_mutex, "dns_open_sockets", 1);
   (void)socket_for(any_ipv4);
@@ -476,6 +501,7 @@ void dns_register() {
   // wait for that thread's next pass, up to its minute of sleep.
   register_start_step(StartStage::before_threads, dns_open_sockets);
   register_sip_thread_party(LoopParty{40, add_party, serve_party});
+  set_sip_resolver(dns_sip_resolver());
   callback_name_register(resend_request, "resend_request");
   callback_name_register(unregister_entry, "unregister_entry");
 }

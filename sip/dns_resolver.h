@@ -13,6 +13,7 @@
 #include "core/string.h"
 #include "core/timeout.h"
 #include "sip/dns_message.h"
+#include "sip/transaction.h"
 
 // Asks for `name` (a name without a dot gets the default domain). `callback` runs once
 // the answer is in the cache, or after the last retry with an empty entry in its place.
@@ -38,8 +39,13 @@ void json_stringify(String& out);
 // source); with `weights` (SRV) the second word is drawn against a random number.
 std::vector<String> dns_sort_lines(const String& text, bool weights);
 
+// The address look-ups of the resolver lines of the transaction layer, over this cache.
+// A name that can't be asked for (no server) gets a negative entry and its retry at
+// once, so that the line is dropped rather than left waiting.
+SipResolver dns_sip_resolver();
+
 // Registers the socket party on run_pbxsrv_sip, the opening of the sockets before the
-// threads start, and the callback names.
+// threads start, the resolver of the transaction layer, and the callback names.
 void dns_register();
 void dns_open_sockets();
 // Closes the sockets, stops every timer and empties the tables; for tests and shutdown.

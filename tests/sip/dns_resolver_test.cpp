@@ -253,6 +253,37 @@ TEST_F(FakeDns, CacheTtlAndLines) {
   EXPECT_TRUE(json.empty());
 }
 
+namespace {
+std::vector<int> retried;
+void on_retry(const CallbackObject& object) { retried.push_back(*static_cast<int*>(object.get())); }
+}  // namespace
+
+// The look-ups of the transaction layer: a miss starts a request whose answer hands the
+// pending object back; without a server the miss becomes a negative answer at once.
+TEST_F(FakeDns, ResolverOfTheTransactionLayer) {
+  retried.clear();
+  SipResolver r = dns_sip_resolver();
+  String adr;
+  EXPECT_FALSE(r.lookup(String("host.test"), true, adr));
+  r.request(String("host.test"), true, on_retry, std::make_shared<int>(42));
+  String query;
+  Address from;
+  ASSERT_TRUE(take_query(query, from));
+  answer(query, from, 0, {{"host.test", dns_aaaa, 60, "2001:db8::42"}});
+  for (int i = 0; i < 200 && retried.empty(); i++) {
+    dns_serve_sockets();
+    if (retried.empty()) usleep(1000);
+  }
+  ASSERT_EQ(retried, std::vector<int>{42});
+  ASSERT_TRUE(r.lookup(String("host.test"), true, adr));
+  EXPECT_EQ(adr, parse_adr(String("2001:db8::42")));
+  set_dns_servers({});
+  r.request(String("other.test"), false, on_retry, std::make_shared<int>(7));
+  EXPECT_EQ(retried, (std::vector<int>{42, 7}));
+  ASSERT_TRUE(r.lookup(String("other.test"), false, adr));
+  EXPECT_TRUE(adr.empty());
+}
+
 TEST_F(FakeDns, NoServerAndEmptyName) {
   LogCapture log;
   EXPECT_FALSE(request_dns(String(""), dns_a, callback_argument(on_answer)));
