@@ -4,8 +4,8 @@
 
 #include <vector>
 
-// Benchmarks link the core libraries only, so the unit under test comes in as source.
-#include "sip/access_control.cpp"
+#include "core/address.h"
+#include "sip/access_control.h"
 
 namespace {
 

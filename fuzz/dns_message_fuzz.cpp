@@ -2,8 +2,7 @@
 #include <cstddef>
 #include <cstdint>
 
-// Fuzz targets link the core libraries only, so the unit under test comes in as source.
-#include "sip/dns_message.cpp"
+#include "sip/dns_message.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size > 65536) return 0;
