@@ -10,6 +10,8 @@
 #include "core/access_hooks.h"
 #include "core/log.h"
 #include "core/mutex.h"
+#include "core/posting.h"
+#include "core/tagged_text.h"
 #include "core/server.h"
 #include "core/timeout.h"
 #include "store/names.h"
@@ -263,6 +265,55 @@ int hook_check(const String& adr, int access_class) { return acl_check(Address(a
 void hook_penalty(const String& adr, int access_class, int points, const char* tag) {
   String label = String(tag).to_upper();
   acl_penalty(Tick::now(), Address(adr, 0), points, access_class, label, String());
+}
+
+// The records inside a posted report.
+enum ReportTag { r_adr = 4, r_port = 101, r_text = 73, r_points = 1, r_class = 2, r_label = 3, r_bits = 5,
+                 r_white = 6, r_seconds = 7, r_comment = 8 };
+
+struct Report {
+  Address address;
+  int points = 0, access_class = 0, bits = 0, seconds = 0;
+  bool white = false;
+  String label, text, comment;
+};
+
+Report read_report(const String& value) {
+  Report r;
+  TaggedText t(value);
+  int tag;
+  String v;
+  while (t.next(tag, v)) {
+    switch (tag) {
+      case r_adr: r.address.adr = v; break;
+      case r_port: r.address.port = v.to_int(); break;
+      case r_text: r.text = v; break;
+      case r_points: r.points = v.to_int(); break;
+      case r_class: r.access_class = v.to_int(); break;
+      case r_label: r.label = v; break;
+      case r_bits: r.bits = v.to_int(); break;
+      case r_white: r.white = v == str_true; break;
+      case r_seconds: r.seconds = v.to_int(); break;
+      case r_comment: r.comment = v; break;
+      default: break;
+    }
+  }
+  return r;
+}
+
+String wrap(int tag, const TaggedText& inner) {
+  TaggedText outer;
+  return outer.add(tag, inner) ? outer.text() : String();
+}
+
+void on_penalty_report(const String& value) {
+  Report r = read_report(value);
+  acl_penalty(Tick::now(), r.address, r.points, r.access_class, r.label, r.text);
+}
+
+void on_allow_report(const String& value) {
+  Report r = read_report(value);
+  acl_allow(r.address, r.bits, r.white, r.access_class, r.seconds, r.comment);
 }
 
 bool white_type(const String& type) {
@@ -559,10 +610,45 @@ void acl_status(String& out) {
                     static_cast<int>(penalty_list.size())));
 }
 
+String acl_penalty_message(const Address& address, int points, int access_class, const String& label, const String& text) {
+  TaggedText t;
+  (void)t.add(r_adr, address.adr);
+  (void)t.add(r_port, address.port);
+  (void)t.add(r_points, points);
+  (void)t.add(r_class, access_class);
+  (void)t.add(r_label, label);
+  (void)t.add(r_text, text);
+  return wrap(tag_acl_penalty, t);
+}
+
+String acl_allow_message(const Address& address, int bits, bool white, int access_class, int seconds, const String& comment) {
+  TaggedText t;
+  (void)t.add(r_adr, address.adr);
+  (void)t.add(r_port, address.port);
+  (void)t.add(r_bits, bits);
+  (void)t.add(r_white, white);
+  (void)t.add(r_class, access_class);
+  (void)t.add(r_seconds, seconds);
+  (void)t.add(r_comment, comment);
+  return wrap(tag_acl_allow, t);
+}
+
+void acl_post_penalty(const Address& address, int points, int access_class, const String& label, const String& text) {
+  String m = acl_penalty_message(address, points, access_class, label, text);
+  if (!m.empty()) out_post(m);
+}
+
+void acl_post_allow(const Address& address, int bits, bool white, int access_class, int seconds, const String& comment) {
+  String m = acl_allow_message(address, bits, white, access_class, seconds, comment);
+  if (!m.empty()) out_post(m);
+}
+
 void set_acl_mail(AclMail mail) { mail_hook = mail; }
 
 void acl_register() {
   set_acl_hooks(hook_check, hook_penalty);
+  register_control_handler(tag_acl_penalty, on_penalty_report);
+  register_control_handler(tag_acl_allow, on_allow_report);
   callback_name_register(acl_expire_now, "acl_expire");
   callback_name_register(clear_accept, "clear_accept");
 }

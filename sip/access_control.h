@@ -67,6 +67,15 @@ void blacklist_address(const Address& address, int access_class, const String& c
 void acl_json(String& out);
 void acl_status(String& out);
 
+// The service half's reports (a failed digest answer, a registration), as messages to
+// the control half, where acl_register has installed their handlers. The *_message
+// forms give the message without posting it.
+void acl_post_penalty(const Address& address, int points, int access_class, const String& label, const String& text);
+void acl_post_allow(const Address& address, int bits, bool white, int access_class, int seconds, const String& comment);
+String acl_penalty_message(const Address& address, int points, int access_class, const String& label, const String& text);
+String acl_allow_message(const Address& address, int bits, bool white, int access_class, int seconds, const String& comment);
+enum AclPostTag { tag_acl_penalty = 150, tag_acl_allow = 151 };
+
 // The mail of a blacklisting: template name (`email_blacklist_ip`), subject, text.
 using AclMail = void (*)(const String& template_name, const String& subject, const String& text);
 void set_acl_mail(AclMail mail);

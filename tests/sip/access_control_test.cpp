@@ -6,6 +6,7 @@
 #include <string>
 
 #include "core/access_hooks.h"
+#include "core/posting.h"
 #include "core/server.h"
 #include "core/timeout.h"
 #include "store/names.h"
@@ -245,6 +246,18 @@ TEST_F(AclTest, HooksReachTheLists) {
   for (int i = 0; i < 10; i++) acl_penalty(parse_adr(String("127.0.0.9")), 1, 16, "sip");
   EXPECT_EQ(acl_check(parse_adr(String("127.0.0.9")), 1), -1);
   EXPECT_EQ(acl_check(parse_adr(String("127.0.0.1")), 1), 1);
+  // The reports of the service half arrive as posted messages.
+  for (int i = 0; i < 5; i++)
+    dispatch_posted(acl_penalty_message(at("127.0.0.10", 5070), 32, acl_class_udp, String("SIP"),
+                                        String("INVITE sip:1@pbx SIP/2.0\r\nFrom: <sip:200@Host.Test>;tag=x\r\n\r\n")),
+                    false);
+  EXPECT_EQ(acl_check(at("127.0.0.10"), acl_class_udp), -1);
+  dispatch_posted(acl_allow_message(at("127.0.0.11", 5060), 48, true, acl_class_tcp, 120, String("Registration 200")), false);
+  EXPECT_EQ(acl_check(at("127.0.0.11", 5060), acl_class_tcp), 1);
+  String json;
+  acl_json(json);
+  EXPECT_NE(json.find(String("\"comment\":\"INVITE 200@host.test\"")), -1);
+  EXPECT_NE(json.find(String("{\"adr\":\"127.0.0.11\",\"port\":5060,\"mask\":48,\"type\":\"tcp\",\"duration\":120,\"enabled\":true,\"comment\":\"Registration 200\"}")), -1);
   set_acl_hooks(nullptr, nullptr);
 }
 
