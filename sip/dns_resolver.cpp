@@ -4,6 +4,7 @@
 
 #include <map>
 #include <memory>
+#include <string>
 
 #include "core/command_line.h"
 #include "core/files.h"
@@ -28,6 +29,7 @@ constexpr int max_lines = 64;
 constexpr int max_entries = 20000;
 constexpr int max_cname_hops = 8;
 constexpr int max_hosts_size = 1 << 20;
+constexpr int max_requests = 4096;
 
 struct CacheEntry {
   String name;
@@ -73,7 +75,8 @@ String normal_name(const String& name) { return name.trim_right('.').to_lower();
 // outgoing request must not cost a file read.
 void refresh_hosts_locked() {
   struct stat st;
-  if (stat(hosts_path.c_data(), &st) != 0) {
+  std::string path(hosts_path.c_data(), static_cast<size_t>(hosts_path.length()));  // NUL-terminated
+  if (stat(path.c_str(), &st) != 0) {
     hosts.clear();
     hosts_stamp = -1;
     return;
@@ -174,6 +177,10 @@ bool start_request_locked(const String& name, int type, std::vector<callback_arg
     log_dns(2, String("DNS: No server found"));
     return false;
   }
+  if (static_cast<int>(requests.size()) >= max_requests) {
+    log_dns(2, format("DNS: Too many pending requests, not asking for %s", name));
+    return false;
+  }
   int id = take_id_locked();
   String query = dns_encode_query(id, name, type);
   if (id == 0 || query.empty()) {
@@ -264,17 +271,19 @@ void resend_request(int id) {
   run_callbacks(callbacks);
 }
 
-// The last name of the CNAME chain that starts at `name` within one answer.
-String chase_cnames(const DnsAnswer& a, const String& name) {
-  String at = name;
+// The names of the CNAME chain that starts at `name` within one answer, `name` first.
+std::vector<String> chase_cnames(const DnsAnswer& a, const String& name) {
+  std::vector<String> chain{name};
   for (int hop = 0; hop < max_cname_hops; hop++) {
     String next;
     for (const DnsRecord& r : a.records)
-      if (r.type == dns_cname && r.name == at) next = r.text;
-    if (next.empty() || next == at) break;
-    at = next;
+      if (r.type == dns_cname && r.name == chain.back()) next = r.text;
+    bool seen = next.empty();
+    for (const String& n : chain) seen = seen || n == next;
+    if (seen) break;
+    chain.push_back(next);
   }
-  return at;
+  return chain;
 }
 
 void process_answer(const DnsAnswer& a) {
@@ -301,9 +310,18 @@ void process_answer(const DnsAnswer& a) {
       return;
     }
     log_dns(6, format("DNS: Received response for %s with %d answers", r.name, static_cast<int>(a.records.size())));
-    String target = chase_cnames(a, r.name);
+    std::vector<String> chain = chase_cnames(a, r.name);
+    String target = chain.back();
     bool found = false;
     for (const DnsRecord& rec : a.records) {
+      // Only what answers the question is kept: a record for an unrelated name would let
+      // any server that is asked about one name plant answers for another.
+      bool related = false;
+      for (const String& n : chain) related = related || n == rec.name;
+      if (!related) {
+        log_dns(5, format("DNS: Ignoring record for %s in the answer for %s", rec.name, r.name));
+        continue;
+      }
       if (rec.bad) {
         log_dns(3, format("DNS: Received invalid address specification %s", rec.text));
         continue;

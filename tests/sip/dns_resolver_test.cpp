@@ -198,7 +198,8 @@ TEST_F(FakeDns, AliasIsFollowed) {
   String query;
   Address from;
   ASSERT_TRUE(take_query(query, from));
-  answer(query, from, 0, {{"www.test", dns_cname, 60, "real.test"}, {"real.test", dns_a, 60, "192.0.2.20"}});
+  answer(query, from, 0, {{"www.test", dns_cname, 60, "real.test"}, {"real.test", dns_a, 60, "192.0.2.20"},
+                          {"bank.test", dns_a, 60, "192.0.2.66"}});
   let_resolver_read();
   ASSERT_EQ(answered, 1);
   String out;
@@ -206,6 +207,7 @@ TEST_F(FakeDns, AliasIsFollowed) {
   EXPECT_EQ(out, String("192.0.2.20"));
   ASSERT_TRUE(cache_lookup(String("www.test"), dns_cname, out, false));
   EXPECT_EQ(out, String("real.test"));
+  EXPECT_FALSE(cache_lookup(String("bank.test"), dns_a, out, false));  // not asked for
 
   // The alias alone: the target is asked for before the caller hears back.
   answered = 0;
@@ -301,7 +303,7 @@ TEST(DnsHostsTest, ReadAgainOnlyWhenTheFileChanges) {
   auto write = [&](const char* text, time_t mtime) {
     std::ofstream(dir.file("hosts")) << text;
     timespec times[2] = {{mtime, 0}, {mtime, 0}};
-    ASSERT_EQ(utimensat(AT_FDCWD, path.c_data(), times, 0), 0);
+    ASSERT_EQ(utimensat(AT_FDCWD, dir.file("hosts").c_str(), times, 0), 0);
   };
   write("# comment\n127.0.0.5\tpbx.local alias # trailing\n::5 pbx.local\nbogus line\n10.0.0.1 second\n10.0.0.2 second\n", 1000);
   dns_set_hosts_path(path);
