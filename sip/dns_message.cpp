@@ -129,6 +129,9 @@ bool read_rdata(const String& p, int type, int at, int end, DnsRecord& r) {
       if (!read_name(p, pos, replacement, next) || next > end) return false;
       // Blanks separate the fields of the record text, so none may stand inside one.
       if (flags.contains(' ') || service.contains(' ') || regexp.contains(' ')) return false;
+      // "-" holds the place of an empty field, so that the words keep their positions.
+      if (flags.empty()) flags = "-";
+      if (service.empty()) service = "-";
       if (regexp.empty()) regexp = "-";
       if (replacement.empty()) replacement = ".";
       r.text = format("%d %d %s %s %s %s", u16(p, at), u16(p, at + 2), flags, service, regexp, replacement);
@@ -161,7 +164,7 @@ bool put_rdata(String& out, const DnsRecord& r) {
       put16(data, r.text.word(1, ' ').to_int());
       for (int i = 2; i <= 4; i++) {
         String t = r.text.word(i, ' ');
-        if (i == 4 && t == "-") t = String();
+        if (t == "-") t = String();
         data.append(static_cast<char>(t.length()));
         data.append(t);
       }

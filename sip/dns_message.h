@@ -29,7 +29,8 @@ struct DnsRecord {
   int type = -1;
   int ttl = 0;
   // A, AAAA: the address text. CNAME: the target. SRV: "priority weight host port".
-  // NAPTR: "order preference flags service regexp replacement", "-" for an empty regexp.
+  // NAPTR: "order preference flags service regexp replacement", "-" for an empty flags,
+  // service or regexp field.
   String text;
   bool bad = false;  // an A or AAAA whose data isn't an address of its family
 };

@@ -92,7 +92,8 @@ void refresh_hosts_locked() {
     String line = raw;
     int hash = line.find('#');
     if (hash >= 0) line = line.head(hash);
-    line = line.replace_all(String("\t"), String(" ")).trim();
+    line.replace_all(String("\t"), String(" "));
+    line = line.trim();
     if (line.empty()) continue;
     String adr = parse_adr(line.word(0, ' '));
     if (adr.empty()) continue;
