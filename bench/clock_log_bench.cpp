@@ -1,4 +1,4 @@
-// The hot paths of Parts 1.3 and 1.4: a log check that fails, a log call that passes, arming
+// The hot paths of timers and the log: a log check that fails, a log call that passes, arming
 // and firing a timer among 100,000 armed ones, and the latency of waking a serving thread by
 // arming an earlier timer from another thread.
 #include <benchmark/benchmark.h>

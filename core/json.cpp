@@ -22,7 +22,7 @@ int hex_value(char c) {
 
 bool is_octal(char c) { return c >= '0' && c <= '7'; }
 
-// A code unit as UTF-8; surrogates are written as they come (Part 1.5: pairs are not joined).
+// A code unit as UTF-8; surrogates are written as they come (pairs are not joined).
 int put_utf8(char* out, unsigned u) {
   if (u < 0x80) {
     out[0] = static_cast<char>(u);
@@ -43,7 +43,7 @@ constexpr double exact_powers_of_ten[] = {1e0,  1e1,  1e2,  1e3,  1e4,  1e5,  1e
                                           1e8,  1e9,  1e10, 1e11, 1e12, 1e13, 1e14, 1e15,
                                           1e16, 1e17, 1e18, 1e19, 1e20, 1e21, 1e22};
 
-// A number token as Part 1.1's is_float sees it (optional "-", digits with at most one
+// A number token as String::is_float sees it (optional "-", digits with at most one
 // "."), extended by D13 with an exponent: "e" or "E", an optional sign and digits. Gives
 // false for anything else; else the value, as strtod would read it.
 bool read_number(const char* p, int n, double* value) {
@@ -105,7 +105,7 @@ bool read_number(const char* p, int n, double* value) {
   return true;
 }
 
-// `line` is one of the three fixed lines of Part 1.5, with %s for the token.
+// `line` is one of the three fixed log lines, with %s for the token.
 void log_expect(const char* line, const String& got) {
   if (!log_enabled(LOG_GENERAL, 5)) return;
   log_add_message_global(LOG_GENERAL, 5, 0, format(line, got));
@@ -113,7 +113,7 @@ void log_expect(const char* line, const String& got) {
 
 }  // namespace
 
-// The tokeniser and the value rules of Part 1.5, pulling one token at a time.
+// The tokeniser and the value rules, pulling one token at a time.
 class JsonReader {
  public:
   explicit JsonReader(const String& source)

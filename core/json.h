@@ -1,4 +1,4 @@
-// Json: one JSON value, a tree for reading what a client sent (Part 1.5). The reader is
+// Json: one JSON value, a tree for reading what a client sent. The reader is
 // lenient and never fails: bad input gives null or a container cut short, and callers
 // test the fields they need. Most JSON output does not come through here but through the
 // %j directive of format.
@@ -82,7 +82,7 @@ class Json {
   const Members& members() const;
   const Elements& elements() const;
 
-  // Object members of one type (Part 1.5): the value if the member exists and has that type,
+  // Object members of one type: the value if the member exists and has that type,
   // else "", 0 or false.
   String get_string(const String& name) const;
   int get_int(const String& name) const;

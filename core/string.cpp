@@ -154,29 +154,20 @@ void String::release() {
   begin_ = end_ = 0;
 }
 
-// A value kept alone after the big buffer it was cut from lost its other sharers moves
-// to a block of its own size. This runs only in the thread that uses the String (it is
-// being copied), so no other thread can hold a sharer or a pointer into it, unless the
-// buffer is pinned by c_data().
-void String::maybe_repack() const {
-  String* self = const_cast<String*>(this);
+// A value kept alone after the big buffer it was cut from lost its other sharers: a copy
+// of it gets a block of its own size instead of pinning the big one. The value itself
+// stays where it is, so a pointer into it that a caller holds stays good.
+bool String::compact_copy_wanted() const {
   StringBuffer* b = buffer_;
   uint32_t c = b->pool_class;
-  if (c == 0 || (b->flags.load(relaxed) & buffer_pinned)) return;
+  if (c == 0) return false;
   size_t span = static_cast<size_t>(end_ - begin_);
-  if (span > pool_class_size(static_cast<int>(c) - 1) || !alone()) return;
-  StringBuffer* nb = pool_take(span, this);
-  memcpy(nb->data(), b->data() + begin_, span);
-  pool_give(b);
-  self->buffer_ = nb;
-  self->begin_ = 0;
-  self->end_ = static_cast<int32_t>(span);
+  return span <= pool_class_size(static_cast<int>(c) - 1) && alone();
 }
 
 // Joins src's ring with the view [from, to) of src, in offsets relative to src.
 void String::share_from(const String& src, int from, int to) {
   if (from >= to || !src.buffer_) return;
-  src.maybe_repack();
   StringBuffer* b = src.buffer_;
   String* s = const_cast<String*>(&src);
   if (src.alone()) {
@@ -199,7 +190,15 @@ void String::share_from(const String& src, int from, int to) {
   end_ = src.begin_ + to;
 }
 
-String::String(const String& o) : String() { share_from(o, 0, o.length()); }
+String::String(const String& o) : String() {
+  if (o.buffer_ && o.compact_copy_wanted()) {
+    int n = o.length();
+    adopt(pool_take(static_cast<size_t>(n), this), n);
+    memcpy(buffer_->data(), o.data(), static_cast<size_t>(n));
+    return;
+  }
+  share_from(o, 0, o.length());
+}
 
 String::String(String&& o) noexcept : String() { *this = static_cast<String&&>(o); }
 
@@ -211,6 +210,12 @@ String& String::operator=(const String& o) {
     return *this;
   }
   release();
+  if (o.buffer_ && o.compact_copy_wanted()) {
+    int n = o.length();
+    adopt(pool_take(static_cast<size_t>(n), this), n);
+    memcpy(buffer_->data(), o.data(), static_cast<size_t>(n));
+    return *this;
+  }
   share_from(o, 0, o.length());
   return *this;
 }

@@ -138,7 +138,7 @@ class String {
   void share_from(const String& src, int begin, int end);
   void adopt(StringBuffer* b, int length);
   char* grow(int extra, bool pin);
-  void maybe_repack() const;
+  bool compact_copy_wanted() const;
   // True when no other String shares the buffer. Another thread can then not reach the
   // ring at all, so the owner may change it without the lock.
   bool alone() const {

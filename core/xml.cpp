@@ -50,7 +50,7 @@ int skip_markup_declaration(const char* p, int n, int at) {
 
 enum class Cut { complete, no_end, too_deep };
 
-// Finds the end of the first element of p[0, n): the depth walk of Part 1.5.
+// Finds the end of the first element of p[0, n): the depth walk.
 Cut cut_element(const char* p, int n, int* end) {
   int depth = 0;
   char prev = 0;
@@ -163,7 +163,7 @@ void XmlNode::parse(const String& src) {
   if (i == name_start) return;
   name_ = src.substr(name_start, i - name_start);
 
-  // A single quote protects nothing here: only double quotes do (Part 1.5).
+  // A single quote protects nothing here: only double quotes do.
   bool quoted = false;
   int start = i;
   for (; i < n; i++) {

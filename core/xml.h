@@ -1,4 +1,4 @@
-// XmlNode: a lazy, text-based view of one XML element (Part 1.5). There is no tree: the
+// XmlNode: a lazy, text-based view of one XML element. There is no tree: the
 // body stays raw and shares the source's buffer, and a child is what a caller cuts from
 // the body with next_element and parses in its turn. Parsing never fails: bad input gives
 // a node with an empty name or an empty body.

@@ -18,10 +18,18 @@
 #include "sip/dns_resolver.h"
 #include "sip/interfaces.h"
 #include "sip/listening_ports.h"
+#include "sip/registrar.h"
+#include "sip/registration.h"
 #include "sip/request_routing.h"
 #include "sip/sip_receive.h"
 #include "sip/sip_send.h"
+#include "sip/sip_hooks.h"
 #include "sip/sip_tcp.h"
+#include "store/dictionary.h"
+#include "store/first_start.h"
+#include "store/registry.h"
+#include "store/schema.h"
+#include "store/settings.h"
 
 static void write_stderr(const String& text) {
   if (!text.empty()) {
@@ -39,8 +47,53 @@ static void apply_log_override() {
   for (int c = 0; c < log_categories; c++) log_set_level(c, startup_options.log_level);
 }
 
+static String read_setting_by_name(const char* name) {
+  return ctrl_read_registry(registry_index(String(name)));
+}
+
+// The message layer runs in the service half and reads that half's mirror.
+static String read_service_setting(const String& name) { return srv_read_registry(registry_index(name)); }
+
+[[noreturn]] static void fatal(const char* text) {
+  write_stderr(String(text));
+  _exit(1);
+}
+
+// Dictionary, settings and tables; a first start also makes the administrator and a domain.
+static void load_store() {
+  read_dictionary(startup_options.show_dict);
+  SettingsLoad loaded = load_settings(startup_options.config_file);
+  if (loaded == SettingsLoad::fs_failed) fatal("FATAL: File system access failed\n");
+  if (loaded == SettingsLoad::unreadable) fatal("FATAL: Cannot read initialization file\n");
+  apply_log_settings();
+  load_tables(String(), ctrl_read_registry(reg_write_cobjs_to_fs) == str_true,
+              ctrl_read_registry(reg_write_legs_to_fs) == str_true);
+  load_translations();
+  if (loaded == SettingsLoad::loaded) return;
+  String password = create_first_start_data();
+  if (password.empty()) return;
+  log_line(0, format("Created the administrator \"%s\"; the password is in %s", first_admin_name,
+                     admin_password_file));
+  if (!startup_options.daemon) {
+    write_stderr(format("Administrator \"%s\", password %s (also in %s; change it after the first login)\n",
+                        first_admin_name, password, admin_password_file));
+  }
+}
+
+static void apply_port_overrides() {
+  if (startup_options.http_port) ctrl_write_setting(reg_ip_http_port, String(startup_options.http_port));
+  if (startup_options.https_port) ctrl_write_setting(reg_ip_https_port, String(startup_options.https_port));
+  if (startup_options.ldap_port) ctrl_write_setting(reg_ip_ldap_port, String(startup_options.ldap_port));
+}
+
 static void register_subsystems() {
+  set_setting_reader(read_setting_by_name);
+  sip_hooks.setting = read_service_setting;
+  register_settings_handlers();
+  register_start_step(StartStage::load_store, load_store);
   register_start_step(StartStage::apply_overrides, apply_log_override);
+  register_start_step(StartStage::apply_overrides, apply_port_overrides);
+  register_start_step(StartStage::services, registry_sync);
   register_start_step(StartStage::after_store, load_stats_file);
   register_start_step(StartStage::before_threads, ntp_bind);
   register_control_party(ntp_party());
@@ -54,6 +107,9 @@ static void register_subsystems() {
   sip_tcp_register();
   sip_send_register();
   request_routing_register();
+  registration_register();
+  registrar_register();
+  register_start_step(StartStage::after_threads, start_registration_expiry);
   register_start_step(StartStage::bind_ports, bind_sip_tcp_ports);
   register_control_party(tcp_connection_party());
   register_control_party(tcp_listener_party());

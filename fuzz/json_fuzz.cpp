@@ -1,4 +1,4 @@
-// libFuzzer target for Json (Part 1.5): any bytes parse without a crash, an over-read or a
+// libFuzzer target for Json: any bytes parse without a crash, an over-read or a
 // hang, the getters and the writer work on whatever came out, and the writer's text is
 // stable once it has been read back.
 #include <cstdint>

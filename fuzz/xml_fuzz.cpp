@@ -1,4 +1,4 @@
-// libFuzzer target for XmlNode (Part 1.5): any bytes parse as a document and as one element
+// libFuzzer target for XmlNode: any bytes parse as a document and as one element
 // without a crash, an over-read or a hang; cutting elements always makes progress; and a
 // node built from what was read serialises and reads back with the same name and text.
 #include <cstdint>
@@ -38,7 +38,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   }
 
   // What a caller writes reads back: escaping and entity replacement are inverses. (A name
-  // ending in "-" is left out: the cut takes "->" for the end of a comment, as the Part says.)
+  // ending in "-" is left out: the cut takes "->" for the end of a comment, by design.)
   if (!node.name().empty() && !node.name().ends_with("-")) {
     XmlNode built(node.name(), body_text);
     built.set_attribute("x", body_text);

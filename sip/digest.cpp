@@ -4,6 +4,7 @@
 #include "core/random.h"
 #include "security/md5.h"
 #include "sip/sip_message.h"
+#include "sip/sip_params.h"
 
 namespace {
 
@@ -81,34 +82,96 @@ std::map<String, String> digest_params(const String& header) {
   return out;
 }
 
+namespace {
+
+// The fields a server needs from an Authorization, read in one pass without a map.
+struct DigestFields {
+  String username, realm, nonce, uri, response, qop, nc, cnonce;
+  bool has_realm = false;
+};
+
+bool read_fields(const String& header, DigestFields& f) {
+  String rest = header.trim();
+  if (!rest.starts_with_nocase(String("Digest"))) return false;
+  const char* d = rest.c_data();
+  int n = rest.length(), i = 6;
+  while (i < n) {
+    while (i < n && (d[i] == ' ' || d[i] == ',' || d[i] == '\t')) i++;
+    int name_start = i;
+    while (i < n && d[i] != '=' && d[i] != ',' && d[i] != ' ') i++;
+    String name = rest.substr(name_start, i - name_start);
+    while (i < n && d[i] == ' ') i++;
+    if (i >= n || d[i] != '=') continue;
+    i++;
+    while (i < n && d[i] == ' ') i++;
+    String value;
+    if (i < n && d[i] == '"') {
+      int start = ++i;
+      bool escaped = false;
+      while (i < n && d[i] != '"') {
+        if (d[i] == '\\' && i + 1 < n) {
+          escaped = true;
+          i++;
+        }
+        i++;
+      }
+      value = rest.substr(start, i - start);
+      if (escaped) value = unescape_quoted(value);
+      i++;
+    } else {
+      int start = i;
+      while (i < n && d[i] != ',') i++;
+      value = rest.substr(start, i - start).trim();
+    }
+    if (name.equals_nocase("username")) f.username = value;
+    else if (name.equals_nocase("realm")) f.realm = value, f.has_realm = true;
+    else if (name.equals_nocase("nonce")) f.nonce = value;
+    else if (name.equals_nocase("uri")) f.uri = value;
+    else if (name.equals_nocase("response")) f.response = value;
+    else if (name.equals_nocase("qop")) f.qop = value;
+    else if (name.equals_nocase("nc")) f.nc = value;
+    else if (name.equals_nocase("cnonce")) f.cnonce = value;
+  }
+  return true;
+}
+
+// MD5 of the parts joined by ":", as lower-case hexadecimal.
+String md5_joined(std::initializer_list<const String*> parts) {
+  Md5 h;
+  bool first = true;
+  for (const String* p : parts) {
+    if (!first) h.update(reinterpret_cast<const uint8_t*>(":"), 1);
+    first = false;
+    h.update(*p);
+  }
+  return hex(h.final());
+}
+
+}  // namespace
+
 DigestResult check_digest(const String& authorization, const String& method, const String& request_uri,
                           const String& realm, const Credential& credential, NonceStore& nonces) {
-  if (!authorization.trim().starts_with_nocase(String("Digest"))) return digest_bad;
-  auto p = digest_params(authorization);
-  String username = p[String("username")];
-  String uri = p[String("uri")];
-  if (uri.empty()) uri = request_uri;
-  if (username != credential.user) return digest_wrong_user;
-  String nonce = p[String("nonce")];
-  NonceStore::Entry* entry = nonces.find(nonce);
-  if (nonce.empty() || !entry) return digest_unknown_nonce;
-  String used_realm = p.count(String("realm")) ? p[String("realm")] : realm;
-  String ha1 = md5_hex(format("%s:%s:%s", credential.user, used_realm, credential.password));
-  String ha2 = md5_hex(format("%s:%s", method, uri));
-  String qop = p[String("qop")];
-  String response = p[String("response")].to_lower();
-  if (qop.empty()) {
-    if (response != md5_hex(format("%s:%s:%s", ha1, nonce, ha2))) return digest_mismatch;
-    nonces.remove(nonce);
+  DigestFields f;
+  if (!read_fields(authorization, f)) return digest_bad;
+  if (f.uri.empty()) f.uri = request_uri;
+  if (f.username != credential.user) return digest_wrong_user;
+  NonceStore::Entry* entry = nonces.find(f.nonce);
+  if (f.nonce.empty() || !entry) return digest_unknown_nonce;
+  const String& used_realm = f.has_realm ? f.realm : realm;
+  String ha1 = md5_joined({&credential.user, &used_realm, &credential.password});
+  String ha2 = md5_joined({&method, &f.uri});
+  String response = f.response.to_lower();
+  if (f.qop.empty()) {
+    if (response != md5_joined({&ha1, &f.nonce, &ha2})) return digest_mismatch;
+    nonces.remove(f.nonce);
     return digest_ok;
   }
-  String nc = p[String("nc")], cnonce = p[String("cnonce")];
-  if (nc.empty() || cnonce.empty()) return digest_bad;
-  if (response != md5_hex(format("%s:%s:%s:%s:%s:%s", ha1, nonce, nc, cnonce, qop, ha2))) return digest_mismatch;
+  if (f.nc.empty() || f.cnonce.empty()) return digest_bad;
+  if (response != md5_joined({&ha1, &f.nonce, &f.nc, &f.cnonce, &f.qop, &ha2})) return digest_mismatch;
   // A nonce with qop may be used again, with the same cnonce and a greater count.
-  if (!entry->cnonce.empty() && (cnonce != entry->cnonce || !(nc > entry->nc))) return digest_mismatch;
-  entry->cnonce = cnonce;
-  entry->nc = nc;
+  if (!entry->cnonce.empty() && (f.cnonce != entry->cnonce || !(f.nc > entry->nc))) return digest_mismatch;
+  entry->cnonce = f.cnonce;
+  entry->nc = f.nc;
   return digest_ok;
 }
 

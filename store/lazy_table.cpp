@@ -6,9 +6,11 @@
 #include "core/files.h"
 #include "core/format.h"
 #include "core/log.h"
+#include "core/mutex.h"
 #include "store/cell_cipher.h"
 #include "store/journal.h"
 #include "store/row_file.h"
+#include "store/store_mode.h"
 #include "store/table_files.h"
 
 namespace {
@@ -139,7 +141,9 @@ String LazyTable::journal_path(int bucket) const {
   return format("%s/index/%d.bin", directory_, bucket);
 }
 
-void LazyTable::save_next_id() { (void)write_next_id(directory_, next_id_); }
+void LazyTable::save_next_id() {
+  if (!store_passive) (void)write_next_id(directory_, next_id_);
+}
 
 // Enters a row with empty indexed cells, unless it is already there. A replay leaves the
 // cells out and fills the empty ones at the end of the file (fill_empty_cells), which
@@ -202,6 +206,7 @@ const String& LazyTable::indexed_cell(int row, int column) const {
 }
 
 String LazyTable::get(int row, int column) const {
+  must_own(ctrl_run_mutex, "LazyTable::get", 0);
   if (!has_row(row) || column < 0 || column >= column_count()) return String();
   if (indices_[column]) return indexed_cell(row, column);
   load_row_cache(row);
@@ -250,6 +255,7 @@ void LazyTable::set(int row, const String& column, const String& value, bool wri
 }
 
 void LazyTable::set(int row, int column, const String& value, bool write) {
+  must_own(ctrl_run_mutex, "LazyTable::set", 0);
   if (!has_row(row) || column < 0 || column >= column_count()) return;
   load_row_cache(row);
   if (cache_cells_[column] != value) {
@@ -263,6 +269,7 @@ void LazyTable::set(int row, int column, const String& value, bool write) {
 }
 
 int LazyTable::create_row(bool write) {
+  must_own(ctrl_run_mutex, "LazyTable::create_row", 0);
   int id = next_id_;
   while (has_row(id)) {
     if (id == INT_MAX) {
@@ -290,6 +297,10 @@ void LazyTable::flush_bucket(int bucket) {
   auto it = buckets_.find(bucket);
   if (it == buckets_.end()) return;
   Bucket& b = it->second;
+  if (store_passive) {
+    b.pending = String();
+    return;
+  }
   if (!b.pending.empty()) {
     if (!append_file(b.pending, journal_path(bucket)) && log_enabled(LOG_GENERAL, 2)) {
       log_line(2, format("Could not append to the journal of table %s", name_));
@@ -304,6 +315,7 @@ void LazyTable::flush_bucket(int bucket) {
 // file (see reconcile). A row without a file yet gets the file first: cut before the
 // journal, the row is simply not there, as before the write.
 void LazyTable::write_row(int row) {
+  must_own(ctrl_run_mutex, "LazyTable::write_row", 0);
   int bucket = row / bucket_rows;
   if (!has_row(row) || cache_row_ != row) {
     flush_bucket(bucket);
@@ -313,6 +325,7 @@ void LazyTable::write_row(int row) {
   for (int c = 0; c < column_count(); c++) {
     if (!cache_cells_[c].empty()) records.push_back({columns_[c].name, cache_cells_[c], false});
   }
+  if (store_passive) return;
   String data = encode_row_binary(cache_key_, records);
   String path = row_file_path(directory_, row);
   if (cache_has_file_) {
@@ -325,6 +338,7 @@ void LazyTable::write_row(int row) {
 }
 
 void LazyTable::delete_row(int row) {
+  must_own(ctrl_run_mutex, "LazyTable::delete_row", 0);
   if (!has_row(row)) return;
   int bucket = row / bucket_rows;
   Bucket& b = buckets_[bucket];
@@ -346,7 +360,7 @@ void LazyTable::delete_row(int row) {
   b.rows--;
   if (cache_row_ == row) cache_row_ = 0;
   flush_bucket(bucket);
-  (void)remove_file(row_file_path(directory_, row), true);
+  if (!store_passive) (void)remove_file(row_file_path(directory_, row), true);
 }
 
 String LazyTable::compacted_journal(int bucket) const {
@@ -402,6 +416,7 @@ void LazyTable::compact(int bucket) {
 // --- loading ---
 
 void LazyTable::load(const String& directory) {
+  must_own(ctrl_run_mutex, "LazyTable::load", 0);
   directory_ = directory;
   ids_.clear();
   for (auto& index : indices_) {
@@ -412,6 +427,7 @@ void LazyTable::load(const String& directory) {
   buckets_.clear();
   cache_row_ = 0;
   next_id_ = read_next_id(directory);
+  if (store_passive) return;
   if (is_directory(journal_directory())) {
     if (log_enabled(LOG_GENERAL, 8)) log_line(8, format("Reading index for table %s", name_));
     std::vector<std::pair<int, String>> files;
@@ -554,6 +570,7 @@ void LazyTable::log_no_index(const String* const* columns, const String* const* 
 }
 
 RowSet LazyTable::search(const String* const* columns, const String* const* values, int n) const {
+  must_own(ctrl_run_mutex, "LazyTable::search", 0);
   const RowSet* sets[3] = {nullptr, nullptr, nullptr};
   static const RowSet none;
   for (int i = 0; i < n; i++) {
@@ -599,7 +616,9 @@ RowSet LazyTable::find_all(const String& c1, const String& v1, const String& c2,
   const String* v[] = {&v1, &v2, &v3};
   return search(c, v, 3);
 }
-int LazyTable::count(const String& c1, const String& v1) const { return find_all(c1, v1).size(); }
+int LazyTable::count(const String& c1, const String& v1) const {
+  must_own(ctrl_run_mutex, "LazyTable::count", 0);
+  must_not_own(srv_run_mutex, "LazyTable::count", 0); return find_all(c1, v1).size(); }
 int LazyTable::count(const String& c1, const String& v1, const String& c2, const String& v2) const {
   return find_all(c1, v1, c2, v2).size();
 }
@@ -609,6 +628,7 @@ int LazyTable::count(const String& c1, const String& v1, const String& c2, const
 }
 
 String LazyTable::stats() const {
+  must_own(ctrl_run_mutex, "LazyTable::stats", 0);
   String lookup;
   for (int c = 0; c < column_count(); c++) {
     if (!indices_[c]) continue;

@@ -72,19 +72,19 @@ void create_tables() {
   Registry& r = registry();
   if (!r.tables.empty() || !r.lazy.empty()) return;
   for (int i = 0; i < schema_table_count; i++) {
-    const SchemaTable& spec = schema_tables[i];
-    String name(spec.name);
-    if (spec.kind == SchemaKind::lazy) {
+    const SchemaTable& entry = schema_tables[i];
+    String name(entry.name);
+    if (entry.kind == SchemaKind::lazy) {
       auto t = std::make_unique<LazyTable>(name);
-      for (const SchemaColumn& c : schema_columns(spec)) t->add_column(c.name, c.indexed);
+      for (const SchemaColumn& c : schema_columns(entry)) t->add_column(c.name, c.indexed);
       r.lazy[name] = std::move(t);
       continue;
     }
     auto t = std::make_unique<Table>(name);
-    t->set_tlvb(spec.flags & schema_tlvb);
-    if (spec.flags & (schema_memory | schema_runtime)) t->set_persist(false);
-    if (spec.flags & schema_runtime) t->set_create_on_write(false);
-    for (const SchemaColumn& c : schema_columns(spec)) t->add_column(c.name, c.indexed, c.encrypted);
+    t->set_tlvb(entry.flags & schema_tlvb);
+    if (entry.flags & (schema_memory | schema_runtime)) t->set_persist(false);
+    if (entry.flags & schema_runtime) t->set_create_on_write(false);
+    for (const SchemaColumn& c : schema_columns(entry)) t->add_column(c.name, c.indexed, c.encrypted);
     r.tables[name] = std::move(t);
   }
 }

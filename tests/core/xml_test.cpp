@@ -1,5 +1,5 @@
-// XmlNode (Part 1.5, DECISIONS D4 and D12). Expectations come from the Part's algorithms
-// and its "Edge cases worth testing"; the hostile documents from D4.
+// XmlNode (decisions D4 and D12). Expectations come from the algorithms
+// and their edge cases; the hostile documents from D4.
 #include "core/xml.h"
 
 #include <gtest/gtest.h>

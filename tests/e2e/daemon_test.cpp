@@ -8,6 +8,7 @@
 
 #include "tests/e2e/daemon_runner.h"
 #include "tests/support/test_support.h"
+#include "tests/support/work_dir_fixture.h"
 
 static std::string slurp(const std::string& path) {
   std::ifstream f(path);
@@ -43,6 +44,7 @@ TEST(DaemonCommandLineTest, VersionAndErrors) {
 
 TEST(DaemonProcessTest, DetachesAndWritesPidFile) {
   TempDir dir;
+  write_work_dir(dir.path());
   std::string pidfile = dir.file("pid");
   RunResult r = run_daemon({"--pidfile", pidfile, "--dir", dir.path()});
   EXPECT_EQ(r.exit_code, 0);
@@ -56,8 +58,14 @@ TEST(DaemonProcessTest, DetachesAndWritesPidFile) {
 }
 
 TEST(DaemonProcessTest, MissingDirectoryIsReportedAndStartUpGoesOn) {
+  // The daemon stays in the directory it was started in: give it a working directory there.
   TempDir dir;
+  write_work_dir(dir.path());
+  char cwd[4096];
+  ASSERT_NE(getcwd(cwd, sizeof cwd), nullptr);
+  ASSERT_EQ(chdir(dir.path().c_str()), 0);
   DaemonProcess d({"--no-daemon", "--dir", dir.file("missing")}, dir.file("err"));
+  ASSERT_EQ(chdir(cwd), 0);
   EXPECT_TRUE(eventually([&] { return slurp(dir.file("err")).find("Starting up") != std::string::npos; }, 10));
   EXPECT_NE(slurp(dir.file("err")).find("Could not change directory to " + dir.file("missing")), std::string::npos);
   EXPECT_TRUE(d.alive());
@@ -65,6 +73,7 @@ TEST(DaemonProcessTest, MissingDirectoryIsReportedAndStartUpGoesOn) {
 
 TEST(DaemonProcessTest, RespawnRestartsAKilledServer) {
   TempDir dir;
+  write_work_dir(dir.path());
   std::string pidfile = dir.file("pid");
   RunResult r = run_daemon({"--respawn", "--pidfile", pidfile, "--dir", dir.path()});
   ASSERT_EQ(r.exit_code, 0);

@@ -88,6 +88,15 @@ TEST(StoreModeTest, PassiveSideNeitherLoadsNorWrites) {
   t.set(2, String("name"), "y", true);
   EXPECT_EQ(file_size(S(dir.file("2.xml"))), -1);
   EXPECT_EQ(file_size(S(dir.file("index.txt"))), -1);
+
+  TempDir lazy_dir;
+  LazyTable l(String("log"));
+  l.add_column(String("k"), true);
+  l.load(S(lazy_dir.path()));
+  int r = l.create_row();
+  l.set(r, String("k"), "v", true);
+  l.delete_row(r);
+  EXPECT_TRUE(list_directory(S(lazy_dir.path())).empty());
 }
 
 TEST(StoreModeTest, LazyRowKeysSurviveJournalAndRebuild) {

@@ -26,11 +26,12 @@ TEST(ValueIndexTest, AgreesWithAMapUnderRandomChanges) {
         String key(v);
         ASSERT_EQ(index.find(key) != nullptr, ref.count(key) == 1) << v;
       }
-      auto it = ref.begin();
-      for (const auto& e : index) {
-        ASSERT_EQ(e.first, it->first);  // still ordered
-        ++it;
-      }
+      std::map<String, int> seen;
+      index.for_each([&](const String& v, const RowSet& rows) {
+        seen[v] = 1;
+        EXPECT_FALSE(rows.empty());
+      });
+      ASSERT_EQ(seen, ref);
     }
   }
   index.erase(String("not there"));
@@ -41,9 +42,14 @@ TEST(ValueIndexTest, AgreesWithAMapUnderRandomChanges) {
 TEST(ValueIndexTest, EraseByOwnKey) {
   ValueIndex index;
   const String& key = index.entry(String("a")).first;
-  index.entry(String("b"));
+  index.entry(String("a")).second.add(1);
+  index.entry(String("b")).second.add(2);
   index.erase(key);
   EXPECT_EQ(index.size(), 1u);
   EXPECT_EQ(index.find(String("a")), nullptr);
   EXPECT_NE(index.find(String("b")), nullptr);
+  // The freed entry is used again.
+  index.entry(String("c")).second.add(3);
+  EXPECT_EQ(index.size(), 2u);
+  EXPECT_EQ(index.find(String("c"))->first(), 3);
 }

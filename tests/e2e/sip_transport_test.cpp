@@ -1,0 +1,183 @@
+// SIP through the real daemon: its ports, STUN, TCP framing, and out-of-dialog answers
+// to sipp, with and without lost packets.
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <memory>
+
+#include "core/format.h"
+#include "core/tcp_socket.h"
+#include "core/udp_socket.h"
+#include "tests/e2e/daemon_runner.h"
+#include "tests/e2e/sipp_runner.h"
+#include "tests/support/test_support.h"
+#include "tests/support/work_dir_fixture.h"
+
+namespace {
+
+bool readable(int fd, int ms) {
+  pollfd p = {fd, POLLIN, 0};
+  return poll(&p, 1, ms) == 1;
+}
+
+String options_request(int port, const char* branch) {
+  return format("OPTIONS sip:127.0.0.1:%d SIP/2.0\r\nVia: SIP/2.0/UDP 127.0.0.1:9;branch=z9hG4bK%s;rport\r\n"
+                "From: <sip:probe@127.0.0.1>;tag=p\r\nTo: <sip:127.0.0.1>\r\nCall-ID: %s@probe\r\n"
+                "CSeq: 1 OPTIONS\r\nContent-Length: 0\r\n\r\n",
+                port, branch, branch);
+}
+
+class SipDaemonTest : public ::testing::Test {
+ protected:
+  void start(const std::string& udp_setting = std::string()) {
+    WorkDirOptions o;
+    o.ports = {"ip_sip_tcp_port"};
+    if (udp_setting.empty()) o.ports.push_back("ip_sip_udp_port");
+    else o.settings["ip_sip_udp_port"] = udp_setting;
+    o.settings["out_of_dialog_options"] = "true";
+    work_ = write_work_dir(dir_.path(), o);
+    udp_port_ = udp_setting.empty() ? work_.port("ip_sip_udp_port") : atoi(udp_setting.c_str());
+    tcp_port_ = work_.port("ip_sip_tcp_port");
+    daemon_ = std::make_unique<DaemonProcess>(std::vector<std::string>{"--no-daemon", "--dir", dir_.path()},
+                                              dir_.file("err"));
+    // Ready when it answers an OPTIONS.
+    UdpSocket probe;
+    ASSERT_TRUE(probe.open(0, parse_adr(String("127.0.0.1"))));
+    for (int i = 0; i < 100; i++) {
+      (void)probe.send_to(options_request(udp_port_, "ready"), Address(parse_adr(String("127.0.0.1")), udp_port_));
+      if (readable(probe.fd, 100)) return;
+    }
+    FAIL() << "the daemon did not answer on port " << udp_port_;
+  }
+
+  TempDir dir_;
+  WorkDir work_;
+  int udp_port_ = 0, tcp_port_ = 0;
+  std::unique_ptr<DaemonProcess> daemon_;
+};
+
+}  // namespace
+
+TEST_F(SipDaemonTest, OptionsAnsweredToSipp) {
+  start();
+  if (!sipp_available()) GTEST_SKIP() << "sipp is not installed";
+  SippResult r = run_sipp("options.xml", udp_port_, 50, 25);
+  EXPECT_EQ(r.successful, 50) << r.output;
+  EXPECT_EQ(r.failed, 0);
+}
+
+// 30% of the answers are lost on the way: sipp retransmits, and every retransmission is
+// answered from the transaction memory.
+TEST_F(SipDaemonTest, LostAnswersAreRepeatedFromMemory) {
+  start();
+  if (!sipp_available()) GTEST_SKIP() << "sipp is not installed";
+  SippResult r = run_sipp("options_lossy.xml", udp_port_, 100, 50);
+  EXPECT_EQ(r.successful, 100) << r.output;
+  EXPECT_EQ(r.failed, 0);
+}
+
+TEST_F(SipDaemonTest, StunBindingOnTheSipPort) {
+  start();
+  UdpSocket client;
+  ASSERT_TRUE(client.open(0, parse_adr(String("127.0.0.1"))));
+  String request = String::bytes(0, 1, 0, 0) + String::bytes(0x21, 0x12, static_cast<char>(0xA4), 0x42) +
+                   String("transaction1");
+  ASSERT_TRUE(client.send_to(request, Address(parse_adr(String("127.0.0.1")), udp_port_)));
+  ASSERT_TRUE(readable(client.fd, 5000));
+  String answer;
+  Address from;
+  ASSERT_TRUE(client.receive(answer, from));
+  ASSERT_GE(answer.length(), 32);
+  EXPECT_EQ(answer.head(2), String::bytes(1, 1));
+  EXPECT_EQ(answer.substr(8, 12), String("transaction1"));
+  EXPECT_EQ((answer.byte_at(26) << 8) | answer.byte_at(27), client.port);
+}
+
+TEST_F(SipDaemonTest, TcpFramingKeepAliveAndOversize) {
+  start();
+  TcpSocket phone;
+  ASSERT_TRUE(phone.connect(Address(parse_adr(String("127.0.0.1")), tcp_port_), false));
+  // A keep-alive gets no answer; a request written a byte at a time is answered once.
+  ASSERT_TRUE(phone.send(String("\r\n\r\n")));
+  String request = options_request(tcp_port_, "tcp1");
+  request.replace_all(String("SIP/2.0/UDP"), String("SIP/2.0/TCP"));
+  for (int i = 0; i < request.length(); i++) ASSERT_TRUE(phone.send(request.substr(i, 1)));
+  String got;
+  for (int i = 0; i < 50 && !got.contains(String("\r\n\r\n")); i++)
+    if (readable(phone.fd(), 100)) got.append(phone.receive());
+  EXPECT_TRUE(got.starts_with(String("SIP/2.0 200 Ok\r\n"))) << to_std(got);
+  EXPECT_EQ(got.find(String("SIP/2.0 200"), 1), -1) << "answered more than once";
+
+  // 70,000 bytes without the end of the headers close the connection.
+  TcpSocket flood;
+  ASSERT_TRUE(flood.connect(Address(parse_adr(String("127.0.0.1")), tcp_port_), false));
+  for (int i = 0; i < 7; i++) (void)flood.send(String::repeat('A', 10000));
+  bool closed = false;
+  for (int i = 0; i < 50 && !closed; i++) {
+    (void)flood.send(String());
+    if (readable(flood.fd(), 100)) closed = flood.receive().empty() && !flood.would_block();
+  }
+  EXPECT_TRUE(closed);
+}
+
+TEST_F(SipDaemonTest, PortListBindsEachFamilyAndAddress) {
+  int a = free_port(), b = free_port();
+  start(to_std(format("%d 127.0.0.2:%d", a, b)));
+  FILE* ss = popen("ss -ulpn 2>/dev/null", "r");
+  ASSERT_NE(ss, nullptr);
+  std::string out;
+  char line[512];
+  while (fgets(line, sizeof line, ss)) out += line;
+  pclose(ss);
+  if (out.empty()) GTEST_SKIP() << "ss is not available";
+  EXPECT_NE(out.find("0.0.0.0:" + std::to_string(a) + " "), std::string::npos) << out;
+  EXPECT_NE(out.find("[::]:" + std::to_string(a) + " "), std::string::npos) << out;
+  EXPECT_NE(out.find("127.0.0.2:" + std::to_string(b) + " "), std::string::npos) << out;
+}
+
+// A thousand extensions register with digest authentication through sipp, 500 a second.
+TEST(RegistrarDaemonTest, ExtensionsRegisterWithDigest) {
+  if (!sipp_available()) GTEST_SKIP() << "sipp is not installed";
+  TempDir dir;
+  WorkDirOptions o;
+  o.ports = {"ip_sip_udp_port"};
+  o.settings["out_of_dialog_options"] = "true";
+  o.extensions.clear();
+  std::string users = "SEQUENTIAL\n";
+  for (int i = 0; i < 1000; i++) {
+    std::string number = std::to_string(2000 + i), password = "pw" + std::to_string(i * 7919);
+    o.extensions.push_back({number, password});
+    users += number + ";[authentication username=" + number + " password=" + password + "]\n";
+  }
+  WorkDir work = write_work_dir(dir.path(), o);
+  std::string users_file = dir.file("users.csv");
+  FILE* f = fopen(users_file.c_str(), "w");
+  ASSERT_NE(f, nullptr);
+  fputs(users.c_str(), f);
+  fclose(f);
+  DaemonProcess daemon({"--no-daemon", "--dir", dir.path()}, dir.file("err"));
+  int port = work.port("ip_sip_udp_port");
+  UdpSocket probe;
+  ASSERT_TRUE(probe.open(0, parse_adr(String("127.0.0.1"))));
+  bool up = false;
+  for (int i = 0; i < 100 && !up; i++) {
+    (void)probe.send_to(options_request(port, "ready"), Address(parse_adr(String("127.0.0.1")), port));
+    up = readable(probe.fd, 100);
+  }
+  ASSERT_TRUE(up);
+  SippResult r = run_sipp("register.xml", port, 1000, 500, {"-inf", users_file});
+  EXPECT_EQ(r.successful, 1000) << r.output;
+  EXPECT_EQ(r.failed, 0);
+  // Every binding is a row of the registrations table, one file each.
+  int rows = 0;
+  for (int i = 0; i < 50 && rows < 1000; i++) {
+    usleep(100000);
+    FILE* ls = popen(("ls " + dir.path() + "/registrations | grep -c '^[0-9]*\\.xml$'").c_str(), "r");
+    char line[64] = {0};
+    if (ls && fgets(line, sizeof line, ls)) rows = atoi(line);
+    if (ls) pclose(ls);
+  }
+  EXPECT_EQ(rows, 1000);
+}
