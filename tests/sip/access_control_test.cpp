@@ -265,6 +265,8 @@ TEST_F(AclTest, ManualEntriesFollowTheTable) {
   create_tables();
   Table* t = find_table(tbl_accesslist);
   ASSERT_NE(t, nullptr);
+  bool persist = t->persist();
+  t->set_persist(false);  // no files below the working directory
   int row = t->create_row();
   ASSERT_NE(row, 0);
   t->set(row, col_adr, String("127.0.0.0"));
@@ -273,7 +275,7 @@ TEST_F(AclTest, ManualEntriesFollowTheTable) {
   t->set(row, col_comment, String("loopback"));
   EXPECT_EQ(acl_load_accesslist(), 1);
   EXPECT_EQ(acl_check(at("127.0.0.9"), acl_class_udp), 1);
-  // What a write with notification does, without files below the working directory.
+  // What a write with notification does at its end.
   t->set(row, col_type, String("black"));
   ASSERT_NE(t->on_change, nullptr);
   t->on_change(*t, row);
@@ -283,4 +285,5 @@ TEST_F(AclTest, ManualEntriesFollowTheTable) {
   EXPECT_EQ(json, format("[{\"adr\":\"127.0.0.0\",\"mask\":8,\"type\":\"manual\",\"comment\":\"loopback\",\"enabled\":false,\"id\":%d}]", row));
   t->delete_row(row, false);
   t->on_change = nullptr;
+  t->set_persist(persist);
 }
