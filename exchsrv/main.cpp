@@ -14,6 +14,8 @@
 #include "core/tcp_server.h"
 #include "core/tick.h"
 #include "core/udp_socket.h"
+#include "sip/access_control.h"
+#include "sip/dns_resolver.h"
 #include "sip/interfaces.h"
 #include "sip/listening_ports.h"
 #include "sip/registrar.h"
@@ -96,6 +98,9 @@ static void register_subsystems() {
   register_start_step(StartStage::before_threads, ntp_bind);
   register_control_party(ntp_party());
   register_start_step(StartStage::services, init_ip);
+  acl_register();
+  register_start_step(StartStage::after_store, [] { (void)acl_load_accesslist(); });
+  dns_register();
   set_local_address_lookup(get_ip_adr);
   register_start_step(StartStage::bind_ports, bind_sip_udp_ports);
   register_control_party(sip_udp_party());

@@ -7,7 +7,8 @@ set -euo pipefail
 build_pkgs=(cmake ninja-build g++ googletest libgtest-dev libgmock-dev libbenchmark-dev
             duktape-dev zlib1g-dev)
 test_pkgs=(python3 unicode-data openssl coreutils clang-14 libclang-rt-14-dev
-           python3-cryptography-vectors libxml2-utils libsofia-sip-ua-dev nodejs sip-tester baresip)
+           python3-cryptography-vectors libxml2-utils libsofia-sip-ua-dev nodejs sip-tester baresip
+           dnsmasq-base)
 # Only what the benchmarks compare against; the build never needs them.
 bench_pkgs=(nlohmann-json3-dev libsqlite3-dev)
 
