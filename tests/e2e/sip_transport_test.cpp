@@ -181,3 +181,30 @@ TEST(RegistrarDaemonTest, ExtensionsRegisterWithDigest) {
   }
   EXPECT_EQ(rows, 1000);
 }
+
+// A source that sends REGISTERs fast is blacklisted and then hears nothing, while the
+// whitelisted loopback address goes on being answered.
+TEST_F(SipDaemonTest, FloodingSourceIsBlacklistedWhitelistedKeepsWorking) {
+  start();
+  Address pbx(parse_adr(String("127.0.0.1")), udp_port_);
+  UdpSocket attacker;
+  ASSERT_TRUE(attacker.open(0, parse_adr(String("127.0.0.9"))));
+  for (int i = 0; i < 15; i++) {
+    String reg = format("REGISTER sip:localhost SIP/2.0\r\nVia: SIP/2.0/UDP 127.0.0.9:%d;branch=z9hG4bKf%d\r\n"
+                        "From: <sip:40@localhost>;tag=f\r\nTo: <sip:40@localhost>\r\nCall-ID: flood%d\r\n"
+                        "CSeq: 1 REGISTER\r\nContact: <sip:40@127.0.0.9:%d>\r\nContent-Length: 0\r\n\r\n",
+                        attacker.port, i, i, attacker.port);
+    ASSERT_TRUE(attacker.send_to(reg, pbx));
+  }
+  usleep(300000);
+  String drained;
+  Address from;
+  while (readable(attacker.fd, 50)) (void)attacker.receive(drained, from);
+  ASSERT_TRUE(attacker.send_to(options_request(udp_port_, "after"), pbx));
+  EXPECT_FALSE(readable(attacker.fd, 1000)) << "a blacklisted source was answered";
+
+  UdpSocket friendly;
+  ASSERT_TRUE(friendly.open(0, parse_adr(String("127.0.0.1"))));
+  ASSERT_TRUE(friendly.send_to(options_request(udp_port_, "friend"), pbx));
+  EXPECT_TRUE(readable(friendly.fd, 5000));
+}
