@@ -1,4 +1,4 @@
-// A name-addr or addr-spec (From, To, Contact, Route and the like), held as raw text and
+// A name-addr, or a bare address (From, To, Contact, Route and the like), held as raw text and
 // parsed on first use, like SipUri.
 #pragma once
 
