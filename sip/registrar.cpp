@@ -73,6 +73,7 @@ RowSet bindings_of(Table& regs, const String& tuser, const String& event) {
 void on_registration_request(const String& value) {
   must_own(ctrl_run_mutex, "registration_request", 1);
   TaggedText r(value);
+  log_reg(9, format("Registration request for %s", r.find(rec_call_id)));
   String event = r.find(rec_event);
   if (!event.empty() && event != "message-summary" && event != "dialog" && event != "as-feature-event") {
     respond(r, 489, "Bad Event", 0);

@@ -208,3 +208,78 @@ TEST_F(SipDaemonTest, FloodingSourceIsBlacklistedWhitelistedKeepsWorking) {
   ASSERT_TRUE(friendly.send_to(options_request(udp_port_, "friend"), pbx));
   EXPECT_TRUE(readable(friendly.fd, 5000));
 }
+
+// Each binding is refreshed 20 times: the control half hears of the new contact once per
+// user, and the refreshes are answered by the service half alone.
+TEST(RegistrarDaemonTest, RefreshesStayInTheServiceHalf) {
+  if (!sipp_available()) GTEST_SKIP() << "sipp is not installed";
+  TempDir dir;
+  WorkDirOptions o;
+  o.ports = {"ip_sip_udp_port"};
+  o.settings["out_of_dialog_options"] = "true";
+  o.extensions.clear();
+  std::string users = "SEQUENTIAL\n";
+  for (int i = 0; i < 30; i++) {
+    std::string number = std::to_string(3000 + i), password = "rp" + std::to_string(i);
+    o.extensions.push_back({number, password});
+    users += number + ";[authentication username=" + number + " password=" + password + "]\n";
+  }
+  WorkDir work = write_work_dir(dir.path(), o);
+  FILE* f = fopen(dir.file("users.csv").c_str(), "w");
+  ASSERT_NE(f, nullptr);
+  fputs(users.c_str(), f);
+  fclose(f);
+  // The scenario: challenge, admission, then 20 refreshes with rising CSeq.
+  std::string head = "REGISTER sip:localhost SIP/2.0\nVia: SIP/2.0/[transport] [local_ip]:[local_port];branch=[branch];rport\n"
+                     "From: <sip:[field0]@localhost>;tag=[call_number]\nTo: <sip:[field0]@localhost>\nCall-ID: [call_id]\n";
+  std::string tail = "Contact: <sip:[field0]@[local_ip]:[local_port]>\nExpires: 3600\nMax-Forwards: 70\nContent-Length: 0\n\n";
+  std::string xml = "<?xml version=\"1.0\" encoding=\"ISO-8859-1\" ?>\n<scenario name=\"refresh\">\n";
+  xml += "<send retrans=\"500\"><![CDATA[\n" + head + "CSeq: 1 REGISTER\n" + tail + "]]></send>\n";
+  xml += "<recv response=\"401\" auth=\"true\"/>\n";
+  xml += "<send retrans=\"500\"><![CDATA[\n" + head + "CSeq: 2 REGISTER\n[field1]\n" + tail + "]]></send>\n";
+  xml += "<recv response=\"200\"/>\n";
+  for (int i = 0; i < 20; i++) {
+    xml += "<send retrans=\"500\"><![CDATA[\n" + head + "CSeq: " + std::to_string(3 + i) + " REGISTER\n" + tail +
+           "]]></send>\n<recv response=\"200\"/>\n";
+  }
+  xml += "</scenario>\n";
+  std::string scenario = dir.file("refresh.xml");
+  FILE* s = fopen(scenario.c_str(), "w");
+  ASSERT_NE(s, nullptr);
+  fputs(xml.c_str(), s);
+  fclose(s);
+  std::string err = dir.file("daemon.err");
+  DaemonProcess daemon({"--no-daemon", "--dir", dir.path(), "--log", "9"}, err);
+  int port = work.port("ip_sip_udp_port");
+  UdpSocket probe;
+  ASSERT_TRUE(probe.open(0, parse_adr(String("127.0.0.1"))));
+  bool up = false;
+  for (int i = 0; i < 100 && !up; i++) {
+    (void)probe.send_to(options_request(port, "ready"), Address(parse_adr(String("127.0.0.1")), port));
+    up = readable(probe.fd, 100);
+  }
+  ASSERT_TRUE(up);
+  SippResult r = run_sipp(scenario, port, 30, 30, {"-inf", dir.file("users.csv")});
+  EXPECT_EQ(r.successful, 30) << r.output;
+  EXPECT_EQ(r.failed, 0);
+  usleep(300000);
+  std::string log;
+  {
+    FILE* e = fopen(err.c_str(), "r");
+    ASSERT_NE(e, nullptr);
+    char buf[4096];
+    size_t n;
+    while ((n = fread(buf, 1, sizeof buf, e)) > 0) log.append(buf, n);
+    fclose(e);
+  }
+  int news = 0;
+  for (size_t at = log.find("is registering a new contact"); at != std::string::npos;
+       at = log.find("is registering a new contact", at + 1))
+    news++;
+  EXPECT_EQ(news, 30);
+  int requests = 0;
+  for (size_t at = log.find("Registration request for "); at != std::string::npos;
+       at = log.find("Registration request for ", at + 1))
+    requests++;
+  EXPECT_EQ(requests, 30) << "refreshes reached the control half";
+}

@@ -21,7 +21,7 @@ SippResult run_sipp(const std::string& scenario, int port, int calls, int rate, 
   TempDir dir;
   std::string stats = dir.file("stats.csv");
   std::vector<std::string> args = {"/usr/bin/sipp", "127.0.0.1:" + std::to_string(port),
-                                   "-sf", source_dir() + "/tests/e2e/sipp/" + scenario,
+                                   "-sf", scenario[0] == '/' ? scenario : source_dir() + "/tests/e2e/sipp/" + scenario,
                                    "-m", std::to_string(calls), "-r", std::to_string(rate),
                                    "-i", "127.0.0.1", "-p", std::to_string(free_udp_port()),
                                    "-nostdin", "-trace_stat", "-stf", stats, "-timeout", "60s",

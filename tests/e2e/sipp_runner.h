@@ -14,7 +14,7 @@ struct SippResult {
 bool sipp_available();
 // A free UDP port on 127.0.0.1.
 int free_udp_port();
-// Runs a scenario of tests/e2e/sipp against 127.0.0.1:port, `calls` calls at `rate`
+// Runs a scenario (a file of tests/e2e/sipp, or an absolute path) against 127.0.0.1:port, `calls` calls at `rate`
 // per second, with extra arguments; bounded in time.
 SippResult run_sipp(const std::string& scenario, int port, int calls, int rate,
                     const std::vector<std::string>& extra = {});
