@@ -283,3 +283,60 @@ TEST(RegistrarDaemonTest, RefreshesStayInTheServiceHalf) {
     requests++;
   EXPECT_EQ(requests, 30) << "refreshes reached the control half";
 }
+
+namespace {
+
+// A SUBSCRIBE that is challenged, answered with credentials, and then expects the final
+// status given.
+std::string subscribe_scenario(const std::string& event, int expires, const std::string& final_status) {
+  std::string head = "SUBSCRIBE sip:[field0]@localhost SIP/2.0\nVia: SIP/2.0/[transport] [local_ip]:[local_port];branch=[branch];rport\n"
+                     "From: <sip:[field0]@localhost>;tag=[call_number]\nTo: <sip:[field0]@localhost>\nCall-ID: [call_id]\n";
+  std::string tail = "Event: " + event + "\nExpires: " + std::to_string(expires) +
+                     "\nContact: <sip:[field0]@[local_ip]:[local_port]>\nMax-Forwards: 70\nContent-Length: 0\n\n";
+  std::string xml = "<?xml version=\"1.0\" encoding=\"ISO-8859-1\" ?>\n<scenario name=\"subscribe\">\n";
+  xml += "<send retrans=\"500\"><![CDATA[\n" + head + "CSeq: 1 SUBSCRIBE\n" + tail + "]]></send>\n";
+  xml += "<recv response=\"401\" auth=\"true\"/>\n";
+  xml += "<send retrans=\"500\"><![CDATA[\n" + head + "CSeq: 2 SUBSCRIBE\n[field1]\n" + tail + "]]></send>\n";
+  xml += "<recv response=\"" + final_status + "\"/>\n";
+  xml += "</scenario>\n";
+  return xml;
+}
+
+}  // namespace
+
+TEST(RegistrarDaemonTest, SubscriptionWithAnUnknownEventGets489) {
+  if (!sipp_available()) GTEST_SKIP() << "sipp is not installed";
+  TempDir dir;
+  WorkDirOptions o;
+  o.ports = {"ip_sip_udp_port"};
+  o.settings["out_of_dialog_options"] = "true";
+  WorkDir work = write_work_dir(dir.path(), o);
+  FILE* f = fopen(dir.file("users.csv").c_str(), "w");
+  ASSERT_NE(f, nullptr);
+  fputs("SEQUENTIAL\n40;[authentication username=40 password=secret40]\n", f);
+  fclose(f);
+  DaemonProcess daemon({"--no-daemon", "--dir", dir.path()}, dir.file("err"));
+  int port = work.port("ip_sip_udp_port");
+  UdpSocket probe;
+  ASSERT_TRUE(probe.open(0, parse_adr(String("127.0.0.1"))));
+  bool up = false;
+  for (int i = 0; i < 100 && !up; i++) {
+    (void)probe.send_to(options_request(port, "ready"), Address(parse_adr(String("127.0.0.1")), port));
+    up = readable(probe.fd, 100);
+  }
+  ASSERT_TRUE(up);
+  struct Case {
+    std::string event;
+    int expires;
+    std::string status;
+  } cases[] = {{"foo", 600, "489"}, {"message-summary", 60, "200"}};
+  for (const Case& c : cases) {
+    std::string scenario = dir.file("sub-" + c.event + ".xml");
+    FILE* s = fopen(scenario.c_str(), "w");
+    ASSERT_NE(s, nullptr);
+    fputs(subscribe_scenario(c.event, c.expires, c.status).c_str(), s);
+    fclose(s);
+    SippResult r = run_sipp(scenario, port, 1, 1, {"-inf", dir.file("users.csv")});
+    EXPECT_EQ(r.successful, 1) << c.event << "\n" << r.output;
+  }
+}
