@@ -27,13 +27,17 @@ Address read_address_record(const String& value) {
   return Address(t.find(tag_adr), t.find(tag_port).to_int());
 }
 
+}  // namespace
+
 // The weight of an unknown source's packet for the access control.
-int penalty_of(const String& text) {
+int sip_penalty_points(const String& text) {
   if (text.starts_with(String("REGISTER "))) return 16;
   if (text.starts_with(String("INVITE "))) return 32;
   if (text.starts_with(String("SUBSCRIBE ")) && text.contains(String("response="))) return 0;
   return 1;
 }
+
+namespace {
 
 void add(PollSet& set) {
   for (const auto& s : sip_udp_ports.sockets()) set.add(s->fd, true, false);
@@ -142,7 +146,7 @@ void sip_udp_datagram(UdpSocket& socket, const String& text, const Address& from
   }
   ctrl_post_sip_rx(format("udp:%d", socket.port), message, from, socket.local_for(from.adr), String("udp"), String());
   if (access == 0) {
-    int points = penalty_of(message);
+    int points = sip_penalty_points(message);
     if (points) acl_penalty(from.adr, 1, points, "sip");
   }
 }

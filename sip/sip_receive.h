@@ -43,6 +43,10 @@ struct ReceivedPacket {
 };
 bool read_received_packet(const String& value, ReceivedPacket& out);
 
+// Penalty points of a packet from an unknown source: 16 for a REGISTER, 32 for an INVITE,
+// none for a SUBSCRIBE answering a challenge, 1 for the rest.
+int sip_penalty_points(const String& text);
+
 // Handles one datagram that reached a SIP UDP socket.
 void sip_udp_datagram(class UdpSocket& socket, const String& text, const Address& from);
 // The control loop party that reads the SIP UDP sockets.

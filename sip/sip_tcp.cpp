@@ -13,13 +13,6 @@ namespace {
 constexpr int max_unframed = 65537;
 constexpr int first_idle_seconds = 8;
 
-int penalty_of(const String& text) {
-  if (text.starts_with(String("REGISTER "))) return 16;
-  if (text.starts_with(String("INVITE "))) return 32;
-  if (text.starts_with(String("SUBSCRIBE ")) && text.contains(String("response="))) return 0;
-  return 1;
-}
-
 // Message 67 from the service half: a connection's idle limit, raised for a registration
 // or a call.
 void on_idle_limit(const String& value) {
@@ -76,7 +69,7 @@ void sip_tcp_input(TcpConnection& c, const String& bytes, Tick) {
     c.input = c.input.tail(taken);
     ctrl_post_sip_rx(format("%s:%d", transport, c.number), message, peer, c.socket.local(), transport, String(c.number));
     if (acl_check(peer.adr, 2) == 0) {
-      int points = penalty_of(message);
+      int points = sip_penalty_points(message);
       if (points) acl_penalty(peer.adr, 2, points, "sip");
     }
   }
