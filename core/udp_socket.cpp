@@ -24,16 +24,15 @@ const char* family_tag(bool v6) { return v6 ? "UDP (IPv6)" : "UDP (IPv4)"; }
 
 void set_local_address_lookup(LocalAddressLookup lookup) { lookup_hook = lookup; }
 
-String local_address_towards(const String& peer) {
-  if (lookup_hook) return lookup_hook(peer);
-  // Ask the kernel which address it would send from.
+String kernel_local_address(const String& peer) {
   Address probe(peer, 5060);
   sockaddr_storage sa;
   socklen_t len;
   if (!probe.to_sockaddr(sa, len)) return String();
-  int fd = socket(sa.ss_family, SOCK_DGRAM, 0);
+  int fd = socket(sa.ss_family, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   if (fd < 0) return String();
   String out;
+  // Connecting a datagram socket sends nothing; it only makes the kernel pick a route.
   if (connect(fd, reinterpret_cast<sockaddr*>(&sa), len) == 0) {
     sockaddr_storage mine;
     socklen_t mine_len = sizeof mine;
@@ -42,6 +41,10 @@ String local_address_towards(const String& peer) {
   }
   ::close(fd);
   return out;
+}
+
+String local_address_towards(const String& peer) {
+  return lookup_hook ? lookup_hook(peer) : kernel_local_address(peer);
 }
 
 bool UdpSocket::open(int want_port, const String& bind_adr) {

@@ -55,3 +55,5 @@ int dscp_value(const String& text);
 using LocalAddressLookup = String (*)(const String& peer);
 void set_local_address_lookup(LocalAddressLookup lookup);
 String local_address_towards(const String& peer);
+// The address the kernel would send from towards `peer`, without the lookup hook.
+String kernel_local_address(const String& peer);

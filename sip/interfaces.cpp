@@ -214,20 +214,7 @@ String get_ip_adr(const String& peer) {
     if (!hit.empty()) return hit;
   }
   // The socket calls run without the lock.
-  Address probe(peer, 5060);
-  sockaddr_storage sa;
-  socklen_t len;
-  if (!probe.to_sockaddr(sa, len)) return String();
-  int fd = socket(sa.ss_family, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  if (fd < 0) return String();
-  String out;
-  if (connect(fd, reinterpret_cast<sockaddr*>(&sa), len) == 0) {
-    sockaddr_storage mine;
-    socklen_t mine_len = sizeof mine;
-    if (getsockname(fd, reinterpret_cast<sockaddr*>(&mine), &mine_len) == 0)
-      out = Address::from_sockaddr(reinterpret_cast<sockaddr*>(&mine), mine_len).adr;
-  }
-  close(fd);
+  String out = kernel_local_address(peer);
   if (!out.empty()) {
     std::lock_guard<std::mutex> g(lock);
     cache[peer] = out;

@@ -29,6 +29,17 @@ String options_request(int port, const char* branch) {
                 port, branch, branch);
 }
 
+// Waits until the daemon answers an OPTIONS on `port`.
+bool answers_options(int port) {
+  UdpSocket probe;
+  if (!probe.open(0, parse_adr(String("127.0.0.1")))) return false;
+  for (int i = 0; i < 100; i++) {
+    (void)probe.send_to(options_request(port, "ready"), Address(parse_adr(String("127.0.0.1")), port));
+    if (readable(probe.fd, 100)) return true;
+  }
+  return false;
+}
+
 class SipDaemonTest : public ::testing::Test {
  protected:
   void start(const std::string& udp_setting = std::string()) {
@@ -42,14 +53,7 @@ class SipDaemonTest : public ::testing::Test {
     tcp_port_ = work_.port("ip_sip_tcp_port");
     daemon_ = std::make_unique<DaemonProcess>(std::vector<std::string>{"--no-daemon", "--dir", dir_.path()},
                                               dir_.file("err"));
-    // Ready when it answers an OPTIONS.
-    UdpSocket probe;
-    ASSERT_TRUE(probe.open(0, parse_adr(String("127.0.0.1"))));
-    for (int i = 0; i < 100; i++) {
-      (void)probe.send_to(options_request(udp_port_, "ready"), Address(parse_adr(String("127.0.0.1")), udp_port_));
-      if (readable(probe.fd, 100)) return;
-    }
-    FAIL() << "the daemon did not answer on port " << udp_port_;
+    ASSERT_TRUE(answers_options(udp_port_)) << "the daemon did not answer on port " << udp_port_;
   }
 
   TempDir dir_;
@@ -159,14 +163,7 @@ TEST(RegistrarDaemonTest, ExtensionsRegisterWithDigest) {
   fclose(f);
   DaemonProcess daemon({"--no-daemon", "--dir", dir.path()}, dir.file("err"));
   int port = work.port("ip_sip_udp_port");
-  UdpSocket probe;
-  ASSERT_TRUE(probe.open(0, parse_adr(String("127.0.0.1"))));
-  bool up = false;
-  for (int i = 0; i < 100 && !up; i++) {
-    (void)probe.send_to(options_request(port, "ready"), Address(parse_adr(String("127.0.0.1")), port));
-    up = readable(probe.fd, 100);
-  }
-  ASSERT_TRUE(up);
+  ASSERT_TRUE(answers_options(port));
   SippResult r = run_sipp("register.xml", port, 1000, 500, {"-inf", users_file});
   EXPECT_EQ(r.successful, 1000) << r.output;
   EXPECT_EQ(r.failed, 0);
@@ -251,14 +248,7 @@ TEST(RegistrarDaemonTest, RefreshesStayInTheServiceHalf) {
   std::string err = dir.file("daemon.err");
   DaemonProcess daemon({"--no-daemon", "--dir", dir.path(), "--log", "9"}, err);
   int port = work.port("ip_sip_udp_port");
-  UdpSocket probe;
-  ASSERT_TRUE(probe.open(0, parse_adr(String("127.0.0.1"))));
-  bool up = false;
-  for (int i = 0; i < 100 && !up; i++) {
-    (void)probe.send_to(options_request(port, "ready"), Address(parse_adr(String("127.0.0.1")), port));
-    up = readable(probe.fd, 100);
-  }
-  ASSERT_TRUE(up);
+  ASSERT_TRUE(answers_options(port));
   SippResult r = run_sipp(scenario, port, 30, 30, {"-inf", dir.file("users.csv")});
   EXPECT_EQ(r.successful, 30) << r.output;
   EXPECT_EQ(r.failed, 0);
@@ -317,14 +307,7 @@ TEST(RegistrarDaemonTest, SubscriptionWithAnUnknownEventGets489) {
   fclose(f);
   DaemonProcess daemon({"--no-daemon", "--dir", dir.path()}, dir.file("err"));
   int port = work.port("ip_sip_udp_port");
-  UdpSocket probe;
-  ASSERT_TRUE(probe.open(0, parse_adr(String("127.0.0.1"))));
-  bool up = false;
-  for (int i = 0; i < 100 && !up; i++) {
-    (void)probe.send_to(options_request(port, "ready"), Address(parse_adr(String("127.0.0.1")), port));
-    up = readable(probe.fd, 100);
-  }
-  ASSERT_TRUE(up);
+  ASSERT_TRUE(answers_options(port));
   struct Case {
     std::string event;
     int expires;
