@@ -7,6 +7,8 @@
 #include "core/log.h"
 #include "core/mutex.h"
 #include "core/posting.h"
+#include "core/server.h"
+#include "core/tick.h"
 #include "security/md5.h"
 #include "sip/branch.h"
 #include "sip/sip_hooks.h"
@@ -66,6 +68,35 @@ const std::vector<String>& blacklisted_agents() {
 }
 
 int access_class_of(const String& transport) { return transport == "udp" ? 1 : 2; }
+
+// The arrival times of recent INVITEs over UDP, for the rate guard.
+int64_t invite_times[256];
+int invite_head = 0, invite_count = 0;
+
+// True when a new UDP INVITE goes over `max_udp_invite` a second (0 switches it off).
+bool udp_invite_flood() {
+  String setting = sip_setting(String("max_udp_invite"));
+  int limit = setting.is_int() ? setting.to_int() : 10;
+  if (limit == 0) return false;
+  int64_t now = Tick::now().ns;
+  while (invite_count > 0 && now - invite_times[(invite_head - invite_count + 256) % 256] > 1000000000) invite_count--;
+  if (invite_count >= 254 || invite_count >= limit) return true;
+  invite_times[invite_head] = now;
+  invite_head = (invite_head + 1) % 256;
+  invite_count++;
+  return false;
+}
+
+// True when the CPU load is over `performance_limit` percent (active from 1 to 99).
+bool cpu_over_limit() {
+  String setting = sip_setting(String("performance_limit"));
+  int limit = setting.is_int() ? setting.to_int() : 50;
+  if (limit < 1 || limit > 99) return false;
+  int load = (rtp_cpu_load() + 50) / 100;
+  if (load <= limit) return false;
+  log_sip(2, format("CPU usage %d exceeded limit %d, rejecting incoming call", load, limit));
+  return true;
+}
 
 void on_received(const String& value) {
   must_own(srv_run_mutex, "receive_packet", 1);
@@ -221,6 +252,16 @@ void travel_forward(SipMessage& m) {
   if (m.method == method_invite) {
     if (m.contact.empty()) {
       reply(m, 400, "Bad Request");
+      return;
+    }
+    if (m.transport == Transport::udp && udp_invite_flood()) {
+      log_sip(2, String("DoS protection: Not accepting more calls"));
+      reply(m, 501, "Temporarily Unavailable");
+      return;
+    }
+    if (cpu_over_limit()) {
+      log_sip(2, String("CPU limit: Not accepting more calls"));
+      reply(m, 501, "Temporarily Unavailable");
       return;
     }
     if (had_to_tag) {

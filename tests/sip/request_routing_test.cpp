@@ -42,8 +42,11 @@ bool capture_response(SipMessage& r) {
 
 String setting(const String& name) {
   if (name == "out_of_dialog_options") return String("true");
+  if (name == "max_udp_invite") return String("2");
   return String();
 }
+
+bool accept_call(SipMessage&) { return true; }
 
 class RoutingTest : public ::testing::Test {
  protected:
@@ -188,4 +191,24 @@ TEST_F(RoutingTest, UnresolvableHostGivesALocal404) {
   EXPECT_TRUE(sent.empty());
   ASSERT_EQ(local_responses.size(), 1u);
   EXPECT_EQ(local_responses[0].status, 404);
+}
+
+// More than max_udp_invite new INVITEs over UDP within a second are refused.
+TEST_F(RoutingTest, UdpInviteRateGuard) {
+  routing_hooks.new_call = accept_call;
+  LogCapture log;
+  for (int i = 0; i < 3; i++)
+    receive(format("INVITE sip:1001@pbx.test SIP/2.0\r\nVia: SIP/2.0/UDP 10.0.0.5:5062;branch=z9hG4bKi%d\r\n"
+                   "From: <sip:a@pbx.test>;tag=f%d\r\nTo: <sip:1001@pbx.test>\r\nCall-ID: inv-%d\r\n"
+                   "CSeq: 1 INVITE\r\nContact: <sip:a@10.0.0.5:5062>\r\nContent-Length: 0\r\n\r\n",
+                   i, i, i));
+  ASSERT_EQ(sent.size(), 1u);  // the first two went to their call ports
+  EXPECT_TRUE(sent[0].text.starts_with(String("SIP/2.0 501 Temporarily Unavailable")));
+  EXPECT_TRUE(log.contains("DoS protection: Not accepting more calls"));
+  // A second later the guard lets calls in again.
+  fake_now += 1100000000;
+  receive(format("INVITE sip:1001@pbx.test SIP/2.0\r\nVia: SIP/2.0/UDP 10.0.0.5:5062;branch=z9hG4bKi9\r\n"
+                 "From: <sip:a@pbx.test>;tag=f9\r\nTo: <sip:1001@pbx.test>\r\nCall-ID: inv-9\r\n"
+                 "CSeq: 1 INVITE\r\nContact: <sip:a@10.0.0.5:5062>\r\nContent-Length: 0\r\n\r\n"));
+  EXPECT_EQ(sent.size(), 1u);
 }
