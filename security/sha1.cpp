@@ -1,5 +1,6 @@
 #include "security/sha1.h"
 
+#include "security/internal/block_feed.h"
 #include "security/internal/bytes.h"
 #include "security/internal/string_bytes.h"
 
@@ -74,39 +75,13 @@ void Sha1::init() {
 }
 
 void Sha1::update(const uint8_t* data, size_t n) {
-  if (n == 0) return;
-  size_t used = count_ % block_size;
-  count_ += n;
-  if (used) {
-    size_t take = block_size - used < n ? block_size - used : n;
-    std::memcpy(buffer_ + used, data, take);
-    data += take;
-    n -= take;
-    if (used + take < block_size) return;
-    sha1_blocks(state_, buffer_, 1);
-  }
-  if (n >= block_size) {
-    sha1_blocks(state_, data, n / block_size);
-    data += n / block_size * block_size;
-    n %= block_size;
-  }
-  if (n) std::memcpy(buffer_, data, n);
+  feed_blocks(sha1_blocks, state_, buffer_, count_, data, n);
 }
 
 void Sha1::update(const String& data) { update(string_bytes(data), string_size(data)); }
 
 void Sha1::final(uint8_t* out) {
-  uint64_t bits = count_ * 8;
-  size_t used = count_ % block_size;
-  buffer_[used++] = 0x80;
-  if (used > block_size - 8) {
-    std::memset(buffer_ + used, 0, block_size - used);
-    sha1_blocks(state_, buffer_, 1);
-    used = 0;
-  }
-  std::memset(buffer_ + used, 0, block_size - 8 - used);
-  store64_be(buffer_ + block_size - 8, bits);
-  sha1_blocks(state_, buffer_, 1);
+  pad_blocks(sha1_blocks, state_, buffer_, count_, false);
   for (int i = 0; i < 5; i++) store32_be(out + 4 * i, state_[i]);
   wipe(state_, sizeof state_);
   wipe(buffer_, sizeof buffer_);
