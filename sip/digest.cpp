@@ -175,9 +175,63 @@ DigestResult check_digest(const String& authorization, const String& method, con
   return digest_ok;
 }
 
+bool address_in_list(const String& adr, const String& list) {
+  int n = adr.length();
+  if (n != 4 && n != 16) return false;
+  String items = list;
+  items.replace_all(String(","), String(" "));
+  for (const String& raw : items.split(' ')) {
+    String item = raw.trim();
+    if (item.empty()) continue;
+    int slash = item.find('/');
+    String net = parse_adr(slash >= 0 ? item.head(slash) : item);
+    if (net.length() != n) continue;
+    int bits = n * 8;
+    if (slash >= 0) {
+      String mask = item.tail(slash + 1).trim();
+      if (mask.is_int()) {
+        bits = mask.to_int();
+      } else {
+        // A dotted mask counts its leading ones; a mask with holes matches nothing.
+        String m = parse_adr(mask);
+        if (m.length() != n) continue;
+        bits = 0;
+        bool ended = false, holes = false;
+        for (int i = 0; i < n; i++)
+          for (int b = 7; b >= 0; b--) {
+            bool set = (m.byte_at(i) >> b) & 1;
+            if (set && ended) holes = true;
+            if (set) bits++;
+            else ended = true;
+          }
+        if (holes) continue;
+      }
+      if (bits < 0 || bits > n * 8) continue;
+    }
+    bool same = true;
+    for (int i = 0; i < n && same; i++) {
+      int keep = bits - i * 8;
+      int mask = keep >= 8 ? 0xff : keep <= 0 ? 0 : (0xff << (8 - keep)) & 0xff;
+      same = (adr.byte_at(i) & mask) == (net.byte_at(i) & mask);
+    }
+    if (same) return true;
+  }
+  return false;
+}
+
 AuthOutcome check_credentials(const SipMessage& request, NonceStore& nonces, const String& realm,
-                              const std::vector<Credential>& credentials, bool allow_empty) {
+                              const std::vector<Credential>& credentials, bool allow_empty, const String& auth_adr) {
   AuthOutcome out;
+  if (request.transport_authenticated) {
+    out.passed = true;
+    return out;
+  }
+  if (!auth_adr.trim().empty()) {
+    // An account bound to addresses takes no password from anywhere else.
+    out.by_address = out.passed = address_in_list(request.source.adr, auth_adr);
+    if (!out.passed) out.status = 403;
+    return out;
+  }
   std::vector<String> headers = request.header_values(String("Authorization"));
   bool known_nonce_failed = false;
   String request_uri = request.request_uri.text();

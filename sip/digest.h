@@ -62,12 +62,21 @@ struct AuthOutcome {
   String www_authenticate;     // a new challenge, or empty
   String warning;              // "399 <realm> Password does not match", or empty
   String username;             // of the Authorization that passed
+  bool by_address = false;     // passed because the source is in `auth_adr`
 };
 
-// Every Authorization header of `request` against every credential; on failure the
-// answer to send. `allow_empty` passes an empty password at once.
+// Whether `adr` (address bytes) is in a list of addresses with optional masks, separated
+// by blanks or commas: "10.0.0.1 192.168.1.0/24 172.16.0.0/255.255.0.0 2001:db8::/32".
+// Entries that can't be read match nothing.
+bool address_in_list(const String& adr, const String& list);
+
+// A request whose transport has authenticated it passes. A non-empty `auth_adr` decides
+// alone: the source in the list passes, any other gets 403. Otherwise every
+// Authorization header of `request` against every credential; on failure the answer to
+// send. `allow_empty` passes an empty password at once.
 AuthOutcome check_credentials(const SipMessage& request, NonceStore& nonces, const String& realm,
-                              const std::vector<Credential>& credentials, bool allow_empty);
+                              const std::vector<Credential>& credentials, bool allow_empty,
+                              const String& auth_adr = String());
 
 // The value of an Authorization (or Proxy-Authorization) header answering `challenge`
 // (the text of a WWW-Authenticate or Proxy-Authenticate header).

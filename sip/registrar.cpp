@@ -2,7 +2,6 @@
 
 #include <ctime>
 
-#include "core/access_hooks.h"
 #include "core/format.h"
 #include "core/log.h"
 #include "core/mutex.h"
@@ -10,6 +9,7 @@
 #include "core/server.h"
 #include "core/tagged_text.h"
 #include "core/tcp_server.h"
+#include "sip/access_control.h"
 #include "sip/name_addr.h"
 #include "sip/registration.h"
 #include "store/names.h"
@@ -60,14 +60,83 @@ void on_credentials_question(const String& value) {
     (void)answer.add(rec_domain, account.domain);
     (void)answer.add(rec_realm, from.uri().host());
     (void)answer.add(rec_auth_adr, extensions ? extensions->get(account.row, col_auth_adr) : String());
-    (void)answer.add(rec_user, to.uri().user());
-    (void)answer.add(rec_password, extensions ? extensions->get(account.row, col_password) : String());
+    String user = to.uri().user();
+    String password = extensions ? extensions->get(account.row, col_password) : String();
+    String web_pass = extensions ? extensions->get(account.row, col_web_pass) : String();
+    (void)answer.add(rec_user, user);
+    (void)answer.add(rec_password, password);
+    if (!web_pass.empty()) {
+      (void)answer.add(rec_user, user);
+      (void)answer.add(rec_password, web_pass);
+    }
+    if (core_setting("rest_show_passwords") == "true" && log_enabled(LOG_REGISTER, 9)) {
+      String list = format("%s %s", user, password);
+      if (!web_pass.empty()) list.append(format("\n%s %s", user, web_pass));
+      log_add_message_domain(LOG_REGISTER, 9, account.domain, format("Registration credentials for %s", account.name), list);
+    }
   }
   post_to_service(tag_register_policy, answer);
 }
 
+// The expiry as local time text, for people who read the row files.
+String format_expiry(long date) {
+  time_t t = static_cast<time_t>(date);
+  tm local;
+  localtime_r(&t, &local);
+  char text[32];
+  strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local);
+  return String(text);
+}
+
 RowSet bindings_of(Table& regs, const String& tuser, const String& event) {
   return regs.find_all(col_tuser, tuser, col_event, event);
+}
+
+// The one-domain hint: a phone that names a host this system doesn't know, when there is
+// only one domain it could have meant.
+void log_unknown_domain(const String& host) {
+  Table* domains = table_by_name(tbl_domains);
+  if (!domains || domains->row_count() != 1 || find_domain(host)) return;
+  log_reg(2, format("You have only one domain and the domain %s cannot be found, consider using \"localhost\" as the domain name",
+                    host));
+}
+
+// The row of this binding or subscription: by instance when the phone names one and the
+// row is of the same account, else by Call-ID, else by account and contact.
+int find_binding(Table& regs, const TaggedText& r, const String& tuser, const String& event) {
+  String instance = r.find(rec_instance);
+  if (!instance.empty()) {
+    for (int row : regs.find_all(col_instance, instance, col_event, event))
+      if (regs.get(row, col_tuser) == tuser) return row;
+  }
+  int row = regs.find_first(col_callid, r.find(rec_call_id), col_event, event);
+  if (row) return row;
+  return regs.find_first(col_tuser, tuser, col_contact, r.find(rec_contact), col_event, event);
+}
+
+int binding_limit(const AccountRef& account) {
+  Table* domains = table_by_name(tbl_domains);
+  Table* extensions = table_by_name(tbl_extensions);
+  int limit = setting_int("max_regs", 5);
+  if (domains && domains->get(account.domain, col_max_regs).is_int()) limit = domains->get(account.domain, col_max_regs).to_int();
+  if (extensions && extensions->get(account.row, col_max_regs).is_int())
+    limit = extensions->get(account.row, col_max_regs).to_int();
+  return limit;
+}
+
+int limited_expires(int expires, const String& event, bool wrtc) {
+  if (wrtc) return 86400;
+  int min_expires = setting_int("min_expires", 30);
+  if (min_expires < 1) min_expires = 30;
+  int max_expires = setting_int("max_expires", 3600);
+  if (max_expires < min_expires) max_expires = min_expires;
+  if (event.empty()) return expires < min_expires ? min_expires : expires > max_expires ? max_expires : expires;
+  if (event == "dialog") {
+    int sub = setting_int("sub_expires", 3600);
+    return sub < min_expires ? min_expires : sub;
+  }
+  // Mailbox and feature subscriptions are cheap to keep and costly to renew.
+  return expires < 5 * min_expires ? 5 * min_expires : expires > 5 * max_expires ? 5 * max_expires : expires;
 }
 
 void on_registration_request(const String& value) {
@@ -83,6 +152,7 @@ void on_registration_request(const String& value) {
   NameAddr from(r.find(rec_from));
   AccountRef account = find_account(to.uri().user(), to.uri().host());
   if (!account.found()) {
+    log_unknown_domain(to.uri().host());
     respond(r, 404, "Not Found", 0);
     return;
   }
@@ -95,9 +165,13 @@ void on_registration_request(const String& value) {
     respond(r, 404, "Registration Not Possible", 0);
     return;
   }
+  // Only a dialog subscription watches someone else, and it must say who watches.
+  if (event == "dialog" ? !from_account.found() : from_account.found() && from_account.user != account.user) {
+    respond(r, 403, "Forbidden", 0);
+    return;
+  }
   Table* regs = table_by_name(tbl_registrations);
   Table* extensions = table_by_name(tbl_extensions);
-  Table* domains = table_by_name(tbl_domains);
   if (!regs || !extensions) {
     respond(r, 500, "Server Error", 0);
     return;
@@ -112,7 +186,7 @@ void on_registration_request(const String& value) {
   String tuser(account.user);
   String call_id = r.find(rec_call_id);
   String contact = r.find(rec_contact);
-  if (contact.empty() || contact.trim() == "*") {
+  if (r.find(rec_clear_all) == "true") {
     if (expires != 0) {
       log_reg(2, String("Registration: Cannot remove all registrations after a duration"));
       respond(r, 400, "Bad Request", 0);
@@ -123,8 +197,8 @@ void on_registration_request(const String& value) {
     respond(r, 200, "Ok", 0);
     return;
   }
-  int row = regs->find_first(col_callid, call_id, col_event, event);
-  if (expires == 0) {
+  int row = find_binding(*regs, r, tuser, event);
+  if (expires <= 0) {
     if (row) {
       regs->delete_row(row);
       if (event.empty()) log_reg(3, String("Account ") + account.name + " is removing a registration");
@@ -139,26 +213,14 @@ void on_registration_request(const String& value) {
       respond(r, 403, "Forbidden", 0);
       return;
     }
-    int limit = setting_int("max_regs", 5);
-    if (domains && domains->get(account.domain, col_max_regs).is_int()) limit = domains->get(account.domain, col_max_regs).to_int();
-    if (extensions->get(account.row, col_max_regs).is_int()) limit = extensions->get(account.row, col_max_regs).to_int();
-    if (event.empty() && regs->count(col_tuser, tuser, col_event, String()) >= limit) {
+    if (event.empty() && regs->count(col_tuser, tuser, col_event, String()) >= binding_limit(account)) {
       respond(r, 403, "Too Many Registrations", 0);
       return;
     }
+  } else if (!event.empty() && (regs->get(row, col_from) != from.text() || regs->get(row, col_to) != to.text())) {
+    log_reg(5, format("Account %s changed tags for %s subscription", account.name, event));
   }
-  int min_expires = setting_int("min_expires", 30);
-  if (min_expires < 1) min_expires = 30;
-  int max_expires = setting_int("max_expires", 3600);
-  if (max_expires < min_expires) max_expires = min_expires;
-  if (event.empty()) {
-    expires = expires < min_expires ? min_expires : expires > max_expires ? max_expires : expires;
-  } else if (event == "dialog") {
-    expires = setting_int("sub_expires", 3600);
-    if (expires < min_expires) expires = min_expires;
-  } else {
-    expires = expires < 5 * min_expires ? 5 * min_expires : expires > 5 * max_expires ? 5 * max_expires : expires;
-  }
+  expires = limited_expires(expires, event, r.find(rec_wrtc) == "true");
   if (is_new) {
     row = regs->create_row();
     if (!row) {
@@ -177,18 +239,26 @@ void on_registration_request(const String& value) {
   regs->set(row, col_tuser, tuser);
   regs->set(row, col_event, event);
   regs->set(row, col_callid, call_id);
+  regs->set(row, col_instance, r.find(rec_instance));
   regs->set(row, col_contact, contact);
+  regs->set(row, col_www, r.find(rec_www));
   regs->set(row, col_user_agent, r.find(rec_user_agent));
   regs->set(row, col_un, r.find(rec_username));
   regs->set(row, col_adr, format("%s:%s", transport, source));
   regs->set(row, col_socket, r.find(rec_socket_key));
+  if (core_setting("save_registration") == "true") regs->set(row, col_ad, format_expiry(date));
   regs->set(row, col_date, String(date), true);
   String socket = r.find(rec_socket_key);
   String kind = socket.word(0, ':');
-  if (kind == "tcp" || kind == "tls") {
+  if (kind == "tcp" || kind == "tls" || kind == "ttc" || kind == "ttl") {
     TcpConnection* c = tcp_connection(socket.words_from(1, ':').to_int());
     if (c) tcp_keep_alive(*c, expires + 15);
   }
+  // The phone's address and port may talk for as long as the binding lasts.
+  Address peer = parse_address(source, 0);
+  if (!peer.adr.empty() && peer.port)
+    acl_allow(peer, peer.adr.length() * 8 + 16, true, transport == "udp" ? acl_class_udp : acl_class_tcp, expires,
+              format("Registration %s", account.name));
   if (is_new && event.empty()) {
     int colon = source.find_last(':');
     log_reg(3, format("Account %s is registering a new contact from %s:%s", account.name,
@@ -204,8 +274,13 @@ void on_refresh(const String& value) {
   if (!regs) return;
   int row = regs->find_first(col_callid, t.find(rec_call_id));
   if (!row) return;
-  long date = static_cast<long>(time(nullptr)) + t.find(rec_expires).to_int() + setting_int("reg_grace", 15);
+  int expires = t.find(rec_expires).to_int();
+  long date = static_cast<long>(time(nullptr)) + expires + setting_int("reg_grace", 15);
   regs->set(row, col_date, String(date));
+  Address peer = parse_address(t.find(rec_source), 0);
+  if (!peer.adr.empty() && peer.port && expires > 0)
+    acl_allow(peer, peer.adr.length() * 8 + 16, true, t.find(rec_transport) == "udp" ? acl_class_udp : acl_class_tcp,
+              expires, String());
 }
 
 void on_removed(const String& value) {
@@ -219,10 +294,14 @@ void on_removed(const String& value) {
 void on_authentication_failed(const String& value) {
   must_own(ctrl_run_mutex, "authentication_failed", 1);
   TaggedText t(value);
-  String adr = t.find(rec_source);
-  int access_class = t.find(rec_transport) == "udp" ? 1 : 2;
-  // An unknown source was charged when its packet arrived; a failure counts once.
-  if (acl_check(adr, access_class) != 0) acl_penalty(adr, access_class, 16, "SIP");
+  Address source(t.find(rec_source), 0);
+  int access_class = t.find(rec_transport) == "udp" ? acl_class_udp : acl_class_tcp;
+  // The server loop charges an unknown source for each packet it reads; a failed password
+  // adds nothing to that, so that a request counts once. Only a packet that the loop let
+  // pass free (an answer to a challenge of a SUBSCRIBE) is charged here. A listed source
+  // isn't charged at all.
+  if (t.find(rec_charged) == "true" || acl_check(source, access_class) != 0) return;
+  acl_penalty(Tick::now(), source, t.find(rec_points).to_int(), access_class, String("SIP"), t.find(rec_text));
 }
 
 }  // namespace

@@ -10,6 +10,7 @@
 #include "core/random.h"
 #include "core/tagged_text.h"
 #include "sip/request_routing.h"
+#include "sip/sip_receive.h"
 #include "sip/sip_hooks.h"
 #include "sip/sip_params.h"
 #include "sip/transaction.h"
@@ -61,23 +62,78 @@ void arm_removal(const RegistrationRef& r, int64_t ms) {
   r->removal_timer.callback(service_queue, ms, callback_argument(remove_record, CallbackObject(r)));
 }
 
-String the_contact(const SipMessage& m) {
+// The Contact that the record binds: the first with the scheme "sip" or "sips" that isn't
+// being removed by its own `expires` of 0.
+const NameAddr* bound_contact(const SipMessage& m) {
   for (const NameAddr& c : m.contact) {
     const String& scheme = c.uri().scheme();
     if ((scheme.equals_nocase("sip") || scheme.equals_nocase("sips")) && uri_param(c.uri(), String("expires")) != "0")
-      return c.text();
+      return &c;
   }
-  return String();
+  return nullptr;
 }
 
-int requested_expires(const SipMessage& m) {
-  if (m.method == method_subscribe) return m.expires.is_int() ? m.expires.to_int() : 3600;
-  for (const NameAddr& c : m.contact) {
-    String e = uri_param(c.uri(), String("expires"));
-    if (e.empty()) e = param_value(c.text(), String("expires"), ';');
-    if (e.is_int()) return e.to_int();
+String the_contact(const SipMessage& m) {
+  const NameAddr* c = bound_contact(m);
+  return c ? c->text() : String();
+}
+
+bool lone_star(const SipMessage& m) { return m.contact.size() == 1 && m.contact[0].raw().trim() == "*"; }
+
+// The expiry the request asks for, as text: a value that isn't a number goes on to the
+// control half, which names it in the log.
+String requested_expires(const SipMessage& m) {
+  String header = m.expires.trim();
+  if (m.method == method_subscribe) return header.empty() ? String("3600") : header;
+  if (const NameAddr* c = bound_contact(m)) {
+    String e = uri_param(c->uri(), String("expires"));
+    if (e.empty()) e = nameaddr_param(*c, String("expires"));
+    if (!e.empty()) return e.trim();
   }
-  return m.expires.is_int() ? m.expires.to_int() : 3600;
+  return header.empty() ? String("3600") : header;
+}
+
+// The http or https address that a phone offers for its own web page: WWW-Contact first,
+// then Contact entries. The first wins, but https replaces http.
+String web_address(const SipMessage& m) {
+  String found;
+  auto consider = [&found](String uri) {
+    uri = uri.trim();
+    if (uri.starts_with(String("<"))) {
+      int close = uri.find('>');
+      uri = close > 0 ? uri.substr(1, close - 1) : uri.tail(1);
+    }
+    String scheme = uri.word(0, ':').to_lower();
+    if (scheme != "http" && scheme != "https") return;
+    if (found.empty() || (scheme == "https" && found.starts_with_nocase(String("http:")))) found = uri;
+  };
+  for (const String& w : m.header_values(String("WWW-Contact"))) consider(w);
+  for (const NameAddr& c : m.contact) consider(c.uri().text());
+  return found;
+}
+
+// Options of Proxy-Require that this registrar doesn't know; they are named back in a
+// Require header.
+String unknown_options(const String& proxy_require) {
+  String out;
+  for (const String& raw : proxy_require.split(',')) {
+    String option = raw.trim();
+    if (option.empty() || option.equals_nocase("path") || option.equals_nocase("outbound")) continue;
+    if (!out.empty()) out.append(',');
+    out.append(option);
+  }
+  return out;
+}
+
+// A Via whose `rport` differs from the port of its sent-by: the request passed a NAT.
+bool rport_differs(const String& via) {
+  String rport = param_value(via, String("rport"), ';');
+  if (rport.empty()) return false;
+  String sent_by = via.words_from(1, ' ').word(0, ';').trim();
+  int colon = sent_by.find_last(':');
+  int port = 5060;
+  if (colon >= 0 && !sent_by.ends_with(String("]"))) port = sent_by.tail(colon + 1).to_int();
+  return rport.to_int() != port;
 }
 
 void post_to_control(int tag, const TaggedText& inner) {
@@ -92,6 +148,7 @@ void send_register_ok(const RegistrationRef& r, SipMessage& request) {
   if (answered < 0) answered = 0;
   SipMessage ok(200, String("Ok"), request);
   if (request.method == method_register) {
+    ok.path = request.path;
     for (const NameAddr& c : request.contact) {
       NameAddr contact = c;
       set_param(contact.params_mutable(), String("expires"), String(answered));
@@ -101,7 +158,9 @@ void send_register_ok(const RegistrationRef& r, SipMessage& request) {
     ok.expires = String(answered);
     ok.contact.push_back(NameAddr(String("<sip:{x-pre-adr}:{x-pre-port};transport={x-pre-trans}>")));
   }
-  if (r->outbound_required) ok.add_header(String("Require"), String("outbound"));
+  String require = unknown_options(request.header(String("Proxy-Require")));
+  if (r->outbound_required) require = require.empty() ? String("outbound") : "outbound," + require;
+  if (!require.empty()) ok.add_header(String("Require"), require);
   if (r->path_supported) ok.add_header(String("Supported"), String("path"));
   if (!r->answered_once) {
     char date[64];
@@ -125,13 +184,28 @@ void answer_failed(SipMessage& request, const AuthOutcome& a) {
 
 void process(const RegistrationRef& r, SipMessage& m);
 
+// A failed password counts for access control once per request: the control half
+// charges the points only where the server loop didn't already charge the packet.
+void report_failure(const RegistrationRef& r, const SipMessage& m) {
+  int points = m.method == method_register ? 16 : m.method == method_invite ? 32 : 1;
+  TaggedText t;
+  (void)t.add(rec_source, r->address.adr);
+  (void)t.add(rec_transport, transport_word(m));
+  (void)t.add(rec_method, m.method);
+  (void)t.add(rec_points, points);
+  (void)t.add(rec_charged, sip_penalty_points(m.raw) > 0);
+  (void)t.add(rec_text, m.raw);
+  post_to_control(tag_authentication_failed, t);
+}
+
 // The eleven values that make a request a plain refresh when they stay the same.
 String values_of(const SipMessage& m, const Registration& r) {
   String out;
   // The To tag is drawn anew for every request, so only the To URI counts.
+  const NameAddr* contact = bound_contact(m);
   const String parts[] = {address_text(r.address), m.from.text(), m.to.uri().text(), String::join(r.route_set, ','),
-                          r.event, r.event_params, uri_param(NameAddr(the_contact(m)).uri(), String("+sip.instance")),
-                          String(), m.header(String("User-Agent")), m.header(String("Supported"), String("k")),
+                          r.event, r.event_params, contact ? nameaddr_param(*contact, String("+sip.instance")) : String(),
+                          web_address(m), m.header(String("User-Agent")), m.header(String("Supported"), String("k")),
                           m.header(String("Proxy-Require"))};
   for (const String& p : parts) {
     out.append(p);
@@ -170,16 +244,11 @@ void process(const RegistrationRef& r, SipMessage& m) {
   bool authenticated_now = false;
   if (r->free_refreshes == 0 && !r->no_auth && !m.transport_authenticated) {
     AuthOutcome a = check_credentials(m, r->nonces, r->realm, r->credentials,
-                                      sip_setting(String("allow_empty_passwords")) == "true");
+                                      sip_setting(String("allow_empty_passwords")) == "true", r->auth_adr);
     if (!a.passed) {
       answer_failed(m, a);
       arm_removal(r, 15000);
-      if (!m.header(String("Authorization")).empty()) {
-        TaggedText t;
-        (void)t.add(rec_source, r->address.adr);
-        (void)t.add(rec_transport, transport_word(m));
-        post_to_control(tag_authentication_failed, t);
-      }
+      if (!m.header(String("Authorization")).empty()) report_failure(r, m);
       return;
     }
     authenticated_now = true;
@@ -191,21 +260,33 @@ void process(const RegistrationRef& r, SipMessage& m) {
   arm_removal(r, 1000);
   m.transport_authenticated = true;
   String supported = m.header(String("Supported"), String("k"));
+  String proxy_require = m.header(String("Proxy-Require"));
   r->path_supported = supported.contains(String("path"));
-  String via_rport = m.via.empty() ? String() : param_value(m.via[0], String("rport"), ';');
-  r->nat = m.transport == Transport::udp ? !m.received.empty() : !param_value(the_contact(m), String("reg-id"), ';').empty();
-  int expires = requested_expires(m);
-  if (r->nat && expires > 0) {
+  const NameAddr* contact = bound_contact(m);
+  bool one_via = m.via.size() <= 1 || sip_setting(String("register_via_count")) == "false";
+  if (!one_via) {
+    r->nat = false;
+  } else if (m.transport == Transport::udp) {
+    r->nat = !m.received.empty() || (!m.via.empty() && rport_differs(m.via[0]));
+  } else {
+    r->nat = sip_setting(String("nat_tcp2")).is_int() || (contact && !nameaddr_param(*contact, String("reg-id")).empty());
+  }
+  String expires_text = requested_expires(m);
+  bool numeric = expires_text.is_int();
+  int expires = numeric ? expires_text.to_int() : 0;
+  if (m.method == method_register && r->nat && expires > 0) {
     int nat = setting_int(m.transport == Transport::udp ? "nat_udp" : "nat_tcp2", 0);
     if (nat > 0) expires = nat;
   }
   String values = values_of(m, *r);
-  if (!authenticated_now && values == r->last_values && expires > 0) {
+  if (!authenticated_now && r->answered_once && numeric && values == r->last_values && expires > 0) {
     r->expires = expires;
     TaggedText t;
     (void)t.add(rec_call_id, r->call_id);
     (void)t.add(rec_cseq, static_cast<int>(m.cseq));
     (void)t.add(rec_expires, expires);
+    (void)t.add(rec_source, address_text(r->address));
+    (void)t.add(rec_transport, r->transport);
     post_to_control(tag_registration_refresh, t);
     send_register_ok(r, m);
     return;
@@ -216,6 +297,7 @@ void process(const RegistrationRef& r, SipMessage& m) {
     log_reg(4, format("%d registration messages pending", max_waiting));
   }
   r->waiting_register.push_back(m);
+  bool star = lone_star(m);
   TaggedText req;
   (void)req.add(rec_call_id, r->call_id);
   (void)req.add(rec_source, address_text(r->address));
@@ -223,11 +305,17 @@ void process(const RegistrationRef& r, SipMessage& m) {
   (void)req.add(rec_from, m.from.text());
   (void)req.add(rec_to, m.to.text());
   (void)req.add(rec_cseq, static_cast<int>(m.cseq));
-  (void)req.add(rec_expires, m.contact.size() == 1 && m.contact[0].raw().trim() == "*" ? String("0") : String(expires));
+  (void)req.add(rec_expires, star ? String("0") : numeric ? String(expires) : expires_text);
   (void)req.add(rec_contact, String::join(r->route_set, ','));
+  if (star) (void)req.add(rec_clear_all, true);
   (void)req.add(rec_event, r->event);
   (void)req.add(rec_event_params, r->event_params);
+  (void)req.add(rec_instance, contact ? nameaddr_param(*contact, String("+sip.instance")) : String());
+  (void)req.add(rec_www, web_address(m));
+  if (contact && uri_param(contact->uri(), String("wrtc")) == "true") (void)req.add(rec_wrtc, true);
   (void)req.add(rec_user_agent, m.header(String("User-Agent")));
+  (void)req.add(rec_supported, supported);
+  (void)req.add(rec_proxy_require, proxy_require);
   (void)req.add(rec_socket_key, m.socket_key);
   (void)req.add(rec_username, r->username);
   (void)req.add(rec_body, m.body);
@@ -330,6 +418,8 @@ void register_response(const String& value) {
       r->expires = t.find(rec_expires).to_int();
       send_register_ok(r, m);
     } else {
+      // What was refused is no binding that a request with the same values could refresh.
+      r->last_values = String();
       SipMessage answer(status, t.find(rec_reason), m);
       if (status == 404 || status == 480) {
         int retry = setting_int("sub_expires", 0);

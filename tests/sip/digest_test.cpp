@@ -127,3 +127,109 @@ TEST(DigestTest, ClientAnswersAChallengeTheServerAccepts) {
         << to_std(answer);
   }
 }
+
+namespace {
+
+const String register_head("REGISTER sip:pbx.test SIP/2.0\r\nVia: SIP/2.0/UDP 1.2.3.4;branch=z9hG4bKa\r\n"
+                           "From: <sip:1001@pbx.test>;tag=1\r\nTo: <sip:1001@pbx.test>\r\nCall-ID: d2\r\n"
+                           "CSeq: 1 REGISTER\r\n");
+
+SipMessage with_authorization(const String& authorization) {
+  return SipMessage(register_head + "Authorization: " + authorization + "\r\n\r\n");
+}
+
+String qop_authorization(const Credential& c, const String& nonce, const char* nc, const char* cnonce) {
+  String ha1 = md5_hex(format("%s:pbx.test:%s", c.user, c.password));
+  String ha2 = md5_hex(String("REGISTER:sip:pbx.test"));
+  return format("Digest username=\"%s\",realm=\"pbx.test\",nonce=\"%s\",uri=\"sip:pbx.test\",qop=auth,nc=%s,"
+                "cnonce=\"%s\",response=\"%s\"",
+                c.user, nonce, nc, cnonce, md5_hex(format("%s:%s:%s:%s:auth:%s", ha1, nonce, nc, cnonce, ha2)));
+}
+
+}  // namespace
+
+// The order of answers that one nonce sees, through the whole check: what passes, what
+// gets the Warning (a known nonce, a wrong answer) and what gets a fresh challenge.
+TEST(DigestTest, NonceLifeThroughTheCheck) {
+  const Credential c{String("1001"), String("secret")};
+  const std::vector<Credential> creds = {c};
+  NonceStore nonces;
+  String plain_nonce = nonces.issue();
+  String plain = plain_authorization(c, String("pbx.test"), plain_nonce, "REGISTER", "sip:pbx.test");
+  String qop_nonce = nonces.issue();
+  struct Step {
+    const char* what;
+    String authorization;
+    bool passes;
+    bool warning;  // else a new challenge when it fails
+  } steps[] = {
+      {"without qop, first use", plain, true, false},
+      {"without qop, replayed", plain, false, false},
+      {"qop nc 1", qop_authorization(c, qop_nonce, "00000001", "c1"), true, false},
+      {"qop nc 1 again", qop_authorization(c, qop_nonce, "00000001", "c1"), false, true},
+      {"qop nc 2", qop_authorization(c, qop_nonce, "00000002", "c1"), true, false},
+      {"qop nc 3, other cnonce", qop_authorization(c, qop_nonce, "00000003", "c2"), false, true},
+      {"qop nc 3", qop_authorization(c, qop_nonce, "00000003", "c1"), true, false},
+      {"qop without nc", qop_authorization(c, qop_nonce, "", "c1"), false, false},
+      {"qop without cnonce", qop_authorization(c, qop_nonce, "00000009", ""), false, false},
+  };
+  for (const Step& s : steps) {
+    AuthOutcome o = check_credentials(with_authorization(s.authorization), nonces, String("pbx.test"), creds, false);
+    EXPECT_EQ(o.passed, s.passes) << s.what;
+    if (s.passes) continue;
+    EXPECT_EQ(o.status, 401) << s.what;
+    EXPECT_EQ(!o.warning.empty(), s.warning) << s.what;
+    EXPECT_EQ(o.www_authenticate.empty(), s.warning) << s.what;
+  }
+  EXPECT_FALSE(nonces.known(plain_nonce));
+  EXPECT_TRUE(nonces.known(qop_nonce));
+}
+
+TEST(DigestTest, TransportAndAddressesDecideBeforeDigest) {
+  const std::vector<Credential> creds = {{String("1001"), String("secret")}};
+  NonceStore nonces;
+  SipMessage m(register_head + "\r\n");
+  m.source = Address(parse_adr(String("192.168.1.77")), 5060);
+  m.transport_authenticated = true;
+  EXPECT_TRUE(check_credentials(m, nonces, String("pbx.test"), creds, false, String("10.0.0.1")).passed);
+  m.transport_authenticated = false;
+  AuthOutcome in = check_credentials(m, nonces, String("pbx.test"), creds, false, String("10.0.0.1, 192.168.1.0/24"));
+  EXPECT_TRUE(in.passed);
+  EXPECT_TRUE(in.by_address);
+  // An account bound to addresses takes no password from elsewhere.
+  AuthOutcome out = check_credentials(m, nonces, String("pbx.test"), creds, false, String("10.0.0.0/8"));
+  EXPECT_FALSE(out.passed);
+  EXPECT_EQ(out.status, 403);
+  EXPECT_TRUE(out.www_authenticate.empty());
+  EXPECT_EQ(nonces.size(), 0);
+}
+
+TEST(DigestTest, AddressLists) {
+  struct Case {
+    const char* adr;
+    const char* list;
+    bool in;
+  } cases[] = {
+      {"192.168.1.77", "192.168.1.77", true},
+      {"192.168.1.77", "192.168.1.78", false},
+      {"192.168.1.77", "10.0.0.1 192.168.1.0/24", true},
+      {"192.168.1.77", "192.168.1.0/255.255.255.0", true},
+      {"192.168.2.77", "192.168.1.0/255.255.255.0", false},
+      {"192.168.1.77", "192.168.1.0/255.0.255.0", false},  // a mask with holes
+      {"192.168.1.77", "0.0.0.0/0", true},
+      {"192.168.1.77", "192.168.1.0/33", false},
+      {"192.168.1.77", "192.168.1.0/-1", false},
+      {"192.168.1.77", "192.168.1.0/", false},
+      {"192.168.1.77", "192.168.1.", false},
+      {"192.168.1.77", ",,, ;;; //", false},
+      {"192.168.1.77", "", false},
+      {"192.168.1.77", "::ffff:192.168.1.77", false},  // the other family
+      {"2001:db8::5", "2001:db8::/32", true},
+      {"2001:db9::5", "2001:db8::/32", false},
+      {"2001:db8::5", "192.168.1.0/24,2001:db8::5", true},
+  };
+  for (const Case& c : cases)
+    EXPECT_EQ(address_in_list(parse_adr(String(c.adr)), String(c.list)), c.in) << c.adr << " in " << c.list;
+  EXPECT_FALSE(address_in_list(String(), String("0.0.0.0/0")));
+  EXPECT_FALSE(address_in_list(parse_adr(String("1.2.3.4")), String::repeat('\xff', 5000)));
+}

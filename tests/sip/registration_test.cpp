@@ -76,9 +76,12 @@ class RegistrationTest : public ::testing::Test {
                   cseq, cseq, auth);
   }
 
-  static void answer_policy() {
+  static void answer_policy(const String& call_id = String("reg-1"), const String& auth_adr = String(),
+                            bool no_auth = false) {
     TaggedText t;
-    (void)t.add(rec_call_id, String("reg-1"));
+    (void)t.add(rec_call_id, call_id);
+    if (!auth_adr.empty()) (void)t.add(rec_auth_adr, auth_adr);
+    if (no_auth) (void)t.add(rec_no_auth, true);
     (void)t.add(rec_account_found, true);
     (void)t.add(rec_realm, String("pbx.test"));
     (void)t.add(rec_domain, 1);
@@ -160,6 +163,9 @@ TEST_F(RegistrationTest, WrongPasswordGetsTheWarningAndCountsAsAFailure) {
   EXPECT_EQ(header_value(answers[1], String("Warning")), String("399 pbx.test Password does not match"));
   EXPECT_TRUE(header_value(answers[1], String("WWW-Authenticate")).empty());
   EXPECT_EQ(to_control.back().first, tag_authentication_failed);
+  // The server loop has charged the REGISTER already.
+  EXPECT_EQ(to_control.back().second.find(rec_charged), String("true"));
+  EXPECT_EQ(to_control.back().second.find(rec_points), String("16"));
   // The next request without Authorization gets a fresh challenge.
   receive(register_text(3));
   EXPECT_FALSE(header_value(answers.back(), String("WWW-Authenticate")).empty());
@@ -178,4 +184,96 @@ TEST_F(RegistrationTest, UnknownAccountGets404WithRetryAfter) {
   ASSERT_EQ(answers.size(), 1u);
   EXPECT_TRUE(answers[0].starts_with(String("SIP/2.0 404 Not Found")));
   EXPECT_EQ(header_value(answers[0], String("Retry-After")), String("3600"));
+}
+
+// A REGISTER that names everything the control half keeps: the answer repeats the Path,
+// names the unknown Proxy-Require option, and an expiry that isn't a number goes on as
+// text for the control half to refuse.
+TEST_F(RegistrationTest, WhatTheControlHalfHearsAndTheOkCarries) {
+  auto text = [](int cseq, const char* expires) {
+    return format("REGISTER sip:pbx.test SIP/2.0\r\n"
+                  "Via: SIP/2.0/UDP 127.0.0.1:5062;branch=z9hG4bKw%d;rport\r\n"
+                  "From: <sip:1001@pbx.test>;tag=ft\r\nTo: <sip:1001@pbx.test>\r\n"
+                  "Call-ID: reg-1\r\nCSeq: %d REGISTER\r\nPath: <sip:edge.test;lr>\r\n"
+                  "Supported: path\r\nProxy-Require: path, frobnicate\r\n"
+                  "WWW-Contact: <http://127.0.0.1:80/>\r\n"
+                  "Contact: <sip:1001@127.0.0.1:5062;wrtc=true>;+sip.instance=\"<urn:uuid:1>\", <https://127.0.0.1/>\r\n"
+                  "Expires: %s\r\nContent-Length: 0\r\n\r\n",
+                  cseq, cseq, expires);
+  };
+  receive(text(1, "abc"));
+  answer_policy(String("reg-1"), String(), true);
+  ASSERT_EQ(to_control.back().first, tag_registration_request);
+  const TaggedText& q = to_control.back().second;
+  EXPECT_EQ(q.find(rec_expires), String("abc"));
+  EXPECT_EQ(q.find(rec_instance), String("<urn:uuid:1>"));
+  EXPECT_EQ(q.find(rec_www), String("https://127.0.0.1/"));
+  EXPECT_EQ(q.find(rec_wrtc), String("true"));
+  EXPECT_EQ(q.find(rec_proxy_require), String("path, frobnicate"));
+  EXPECT_EQ(q.find(rec_contact), String("<sip:edge.test;lr>,<sip:1001@127.0.0.1:5062;wrtc=true>;+sip.instance=\"<urn:uuid:1>\""));
+  EXPECT_TRUE(q.find(rec_clear_all).empty());
+  answer_request(1, 400, 0);
+  ASSERT_EQ(answers.size(), 1u);
+  EXPECT_TRUE(answers[0].starts_with(String("SIP/2.0 400")));
+
+  // The same values again, now with a good expiry: not taken for a refresh of what was
+  // refused.
+  receive(text(2, "600"));
+  ASSERT_EQ(to_control.back().first, tag_registration_request);
+  answer_request(2, 200, 600);
+  ASSERT_FALSE(answers.empty());
+  const String& ok = answers.back();
+  EXPECT_TRUE(ok.starts_with(String("SIP/2.0 200 Ok"))) << to_std(ok);
+  EXPECT_EQ(header_value(ok, String("Path")), String("<sip:edge.test;lr>"));
+  EXPECT_EQ(header_value(ok, String("Require")), String("frobnicate"));
+  EXPECT_EQ(header_value(ok, String("Supported")), String("path"));
+}
+
+TEST_F(RegistrationTest, AddressBoundAccount) {
+  struct Case {
+    const char* auth_adr;
+    bool admitted;
+  } cases[] = {{"10.0.0.0/8", false}, {"10.0.0.1 127.0.0.0/8", true}};
+  for (const Case& c : cases) {
+    clear_registrations();
+    clear_pending_packets();
+    answers.clear();
+    to_control.clear();
+    receive(register_text(1));
+    answer_policy(String("reg-1"), String(c.auth_adr));
+    if (c.admitted) {
+      ASSERT_FALSE(to_control.empty()) << c.auth_adr;
+      EXPECT_EQ(to_control.back().first, tag_registration_request) << c.auth_adr;
+      EXPECT_TRUE(answers.empty()) << c.auth_adr;
+    } else {
+      ASSERT_EQ(answers.size(), 1u) << c.auth_adr;
+      EXPECT_TRUE(answers[0].starts_with(String("SIP/2.0 403 Forbidden"))) << to_std(answers[0]);
+      EXPECT_TRUE(header_value(answers[0], String("WWW-Authenticate")).empty());
+    }
+  }
+}
+
+// A SUBSCRIBE that answers a challenge passes the server loop free, so its failure is the
+// one charge it gets.
+TEST_F(RegistrationTest, FailedSubscribeIsChargedAtTheCheck) {
+  auto text = [](int cseq, const String& authorization) {
+    String auth = authorization.empty() ? String() : "Authorization: " + authorization + "\r\n";
+    return format("SUBSCRIBE sip:1001@pbx.test SIP/2.0\r\n"
+                  "Via: SIP/2.0/UDP 127.0.0.1:5062;branch=z9hG4bKs%d;rport\r\n"
+                  "From: <sip:1001@pbx.test>;tag=ft\r\nTo: <sip:1001@pbx.test>\r\n"
+                  "Call-ID: reg-1\r\nCSeq: %d SUBSCRIBE\r\nEvent: message-summary\r\n"
+                  "Contact: <sip:1001@127.0.0.1:5062>\r\nExpires: 60\r\n%sContent-Length: 0\r\n\r\n",
+                  cseq, cseq, auth);
+  };
+  receive(text(1, String()));
+  answer_policy();
+  String challenge = header_value(answers[0], String("WWW-Authenticate"));
+  String nonce = challenge.substr(challenge.find(String("nonce=\"")) + 7, 32);
+  receive(text(2, format("Digest username=\"1001\",realm=\"pbx.test\",nonce=\"%s\",uri=\"sip:1001@pbx.test\","
+                         "response=\"00000000000000000000000000000000\"",
+                         nonce)));
+  ASSERT_EQ(to_control.back().first, tag_authentication_failed);
+  EXPECT_EQ(to_control.back().second.find(rec_charged), String("false"));
+  EXPECT_EQ(to_control.back().second.find(rec_points), String("1"));
+  EXPECT_EQ(to_control.back().second.find(rec_source), parse_adr(String("127.0.0.1")));
 }
