@@ -1,0 +1,325 @@
+// The registrar through the daemon, from a scripted phone over UDP: hostile Authorization
+// headers, the limits on a subscription's expiry, and the blacklisting of a source that
+// keeps guessing passwords.
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <functional>
+#include <map>
+#include <memory>
+#include <sstream>
+
+#include "core/format.h"
+#include "core/udp_socket.h"
+#include "security/md5.h"
+#include "tests/e2e/daemon_runner.h"
+#include "tests/support/test_support.h"
+#include "tests/support/work_dir_fixture.h"
+
+namespace {
+
+bool readable(int fd, int ms) {
+  pollfd p = {fd, POLLIN, 0};
+  return poll(&p, 1, ms) == 1;
+}
+
+std::string slurp(const std::string& path) {
+  std::ifstream f(path);
+  std::stringstream s;
+  s << f.rdbuf();
+  return s.str();
+}
+
+// Polls the daemon's log for a text, for at most `seconds`.
+bool log_shows(const std::string& path, const std::string& text, int seconds = 10) {
+  for (int i = 0; i < seconds * 10; i++) {
+    if (slurp(path).find(text) != std::string::npos) return true;
+    usleep(100000);
+  }
+  return false;
+}
+
+String md5_hex(const String& s) { return hex(md5(s)); }
+
+// The first quoted value of `name` in a challenge.
+String challenge_value(const String& challenge, const char* name) {
+  String key = format("%s=\"", name);
+  int at = challenge.find(key);
+  if (at < 0) return String();
+  int start = at + key.length();
+  int end = challenge.find('"', start);
+  return end < 0 ? String() : challenge.substr(start, end - start);
+}
+
+// A phone on one loopback address: it sends requests to the daemon and reads the final
+// answers, skipping provisional ones.
+class Phone {
+ public:
+  Phone(const char* ip, int pbx_port) : ip_(ip), pbx_(parse_adr(String("127.0.0.1")), pbx_port) {
+    opened_ = socket_.open(0, parse_adr(String(ip)));
+  }
+  bool opened() const { return opened_; }
+  int port() const { return socket_.port; }
+  const char* ip() const { return ip_; }
+
+  bool send(const String& text) { return socket_.send_to(text, pbx_); }
+
+  // The next final answer, or empty text when none comes within the bound.
+  String answer(int ms = 5000) {
+    for (;;) {
+      if (!readable(socket_.fd, ms)) return String();
+      String text;
+      Address from;
+      if (!socket_.receive(text, from)) return String();
+      if (!text.starts_with(String("SIP/2.0 1"))) return text;
+    }
+  }
+  // Whether anything at all is waiting to be read now.
+  bool anything_waiting() { return readable(socket_.fd, 0); }
+
+  // A request from this phone for extension `user`. `extra` holds whole header lines.
+  String request(const char* method, const String& call_id, int cseq, const char* user, const String& extra,
+                 const char* expires = "3600", const char* event = nullptr) const {
+    String uri = request_uri(method, user);
+    return format("%s %s SIP/2.0\r\nVia: SIP/2.0/UDP %s:%d;branch=z9hG4bK%s-%d;rport\r\n"
+                  "From: <sip:%s@localhost>;tag=t%s\r\nTo: <sip:%s@localhost>\r\nCall-ID: %s\r\nCSeq: %d %s\r\n"
+                  "Contact: <sip:%s@%s:%d>\r\n%sExpires: %s\r\n%sMax-Forwards: 70\r\nContent-Length: 0\r\n\r\n",
+                  String(method), uri, String(ip_), socket_.port, call_id, cseq, String(user), call_id, String(user),
+                  call_id, cseq, String(method), String(user), String(ip_), socket_.port,
+                  event ? format("Event: %s\r\n", String(event)) : String(), String(expires), extra);
+  }
+
+  static String request_uri(const char* method, const char* user) {
+    return String(method) == "REGISTER" ? String("sip:localhost") : format("sip:%s@localhost", String(user));
+  }
+
+ private:
+  const char* ip_;
+  UdpSocket socket_;
+  Address pbx_;
+  bool opened_ = false;
+};
+
+// The Authorization line of a digest answer without qop.
+String authorization(const char* method, const char* user, const char* password, const String& nonce,
+                     const String& uri_in_header, const String& uri_in_hash) {
+  String ha1 = md5_hex(format("%s:localhost:%s", String(user), String(password)));
+  String ha2 = md5_hex(format("%s:%s", String(method), uri_in_hash));
+  return format("Authorization: Digest username=\"%s\",realm=\"localhost\",nonce=\"%s\",uri=\"%s\",response=\"%s\","
+                "algorithm=MD5\r\n",
+                String(user), nonce, uri_in_header, md5_hex(format("%s:%s:%s", ha1, nonce, ha2)));
+}
+
+class RegistrarWireTest : public ::testing::Test {
+ protected:
+  void start(std::map<std::string, std::string> settings = {}) {
+    WorkDirOptions o;
+    o.ports = {"ip_sip_udp_port"};
+    o.settings = settings;
+    o.settings["out_of_dialog_options"] = "true";
+    work_ = write_work_dir(dir_.path(), o);
+    port_ = work_.port("ip_sip_udp_port");
+    log_ = dir_.file("daemon.err");
+    daemon_ = std::make_unique<DaemonProcess>(std::vector<std::string>{"--no-daemon", "--dir", dir_.path(), "--log", "9"},
+                                              log_);
+    Phone probe("127.0.0.1", port_);
+    ASSERT_TRUE(probe.opened());
+    bool up = false;
+    for (int i = 0; i < 100 && !up; i++) {
+      ASSERT_TRUE(probe.send(options("ready")));
+      up = !probe.answer(100).empty();
+    }
+    ASSERT_TRUE(up) << "the daemon did not answer on port " << port_;
+  }
+
+  String options(const char* branch) const {
+    return format("OPTIONS sip:127.0.0.1:%d SIP/2.0\r\nVia: SIP/2.0/UDP 127.0.0.1:9;branch=z9hG4bK%s;rport\r\n"
+                  "From: <sip:probe@127.0.0.1>;tag=p\r\nTo: <sip:127.0.0.1>\r\nCall-ID: %s@probe\r\n"
+                  "CSeq: 1 OPTIONS\r\nContent-Length: 0\r\n\r\n",
+                  port_, String(branch), String(branch));
+  }
+
+  // Sends the request without credentials and returns the nonce of the challenge.
+  String challenge(Phone& phone, const char* method, const String& call_id, const char* user,
+                   const char* event = nullptr) {
+    EXPECT_TRUE(phone.send(phone.request(method, call_id, 1, user, String(), "3600", event)));
+    String got = phone.answer();
+    EXPECT_TRUE(got.starts_with(String("SIP/2.0 401 Authentication Required"))) << to_std(got);
+    String nonce = challenge_value(header_value(got, String("WWW-Authenticate")), "nonce");
+    EXPECT_EQ(nonce.length(), 32) << to_std(got);
+    return nonce;
+  }
+
+  TempDir dir_;
+  WorkDir work_;
+  int port_ = 0;
+  std::string log_;
+  std::unique_ptr<DaemonProcess> daemon_;
+};
+
+}  // namespace
+
+// Every variant follows a fresh challenge on its own Call-ID, from the whitelisted
+// address, so that no penalty gets in the way.
+TEST_F(RegistrarWireTest, HostileAuthorizationsOnTheWire) {
+  start();
+  Phone phone("127.0.0.1", port_);
+  ASSERT_TRUE(phone.opened());
+  const String uri("sip:localhost");
+  String garbage("Authorization: Digest ");
+  for (int i = 0; garbage.length() < 5120; i++)
+    garbage.append(i % 3 == 0 ? String("nonce=\"\\") : i % 3 == 1 ? String(",=,\"uri") : String("\xff\xfe qop=auth,"));
+  garbage.append("\r\n");
+  struct Case {
+    const char* name;
+    std::function<String(const String& nonce)> headers;
+    const char* expires;
+    const char* status;        // the start of the status line
+    bool challenge;            // a new WWW-Authenticate
+    bool warning;              // "399 localhost Password does not match"
+  } cases[] = {
+      {"no nonce",
+       [&](const String&) {
+         return String("Authorization: Digest username=\"40\",realm=\"localhost\",uri=\"sip:localhost\","
+                       "response=\"0123456789abcdef0123456789abcdef\"\r\n");
+       },
+       "3600", "SIP/2.0 401 Authentication Required", true, false},
+      {"unknown nonce", [&](const String&) { return authorization("REGISTER", "40", "secret40", String::repeat('a', 32), uri, uri); },
+       "3600", "SIP/2.0 401 Authentication Required", true, false},
+      {"other user's name and password",
+       [&](const String& n) { return authorization("REGISTER", "41", "secret41", n, uri, uri); }, "3600",
+       "SIP/2.0 401 Authentication Required", true, false},
+      {"wrong password", [&](const String& n) { return authorization("REGISTER", "40", "guess", n, uri, uri); },
+       "3600", "SIP/2.0 401 Authentication Required", false, true},
+      {"qop without nc",
+       [&](const String& n) {
+         return format("Authorization: Digest username=\"40\",realm=\"localhost\",nonce=\"%s\",uri=\"sip:localhost\","
+                       "qop=auth,cnonce=\"abc\",response=\"0123456789abcdef0123456789abcdef\"\r\n",
+                       n);
+       },
+       "3600", "SIP/2.0 401 Authentication Required", true, false},
+      // A known nonce without a good answer is a wrong password.
+      {"no response, unterminated quote",
+       [&](const String& n) { return format("Authorization: Digest username=\"40\",nonce=\"%s\",uri=\"sip:loc\r\n", n); },
+       "3600", "SIP/2.0 401 Authentication Required", false, true},
+      {"5 KiB of garbage", [&](const String&) { return garbage; }, "3600", "SIP/2.0 401 Authentication Required",
+       true, false},
+      {"empty uri", [&](const String& n) { return authorization("REGISTER", "40", "secret40", n, String(), uri); },
+       "3600", "SIP/2.0 200 Ok", false, false},
+      {"two headers, the second right",
+       [&](const String& n) {
+         return authorization("REGISTER", "40", "guess", n, uri, uri) +
+                authorization("REGISTER", "40", "secret40", n, uri, uri);
+       },
+       "3600", "SIP/2.0 200 Ok", false, false},
+      {"expiry that isn't a number",
+       [&](const String& n) { return authorization("REGISTER", "40", "secret40", n, uri, uri); }, "abc",
+       "SIP/2.0 400 Bad Request", false, false},
+  };
+  int index = 0;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    String call_id = format("hostile%d", index++);
+    String nonce = challenge(phone, "REGISTER", call_id, "40");
+    ASSERT_TRUE(phone.send(phone.request("REGISTER", call_id, 2, "40", c.headers(nonce), c.expires)));
+    String got = phone.answer();
+    EXPECT_TRUE(got.starts_with(String(c.status))) << to_std(got.head(200));
+    EXPECT_EQ(!header_value(got, String("WWW-Authenticate")).empty(), c.challenge) << to_std(got.head(400));
+    EXPECT_EQ(header_value(got, String("Warning")) == "399 localhost Password does not match", c.warning)
+        << to_std(got.head(400));
+  }
+  EXPECT_TRUE(log_shows(log_, "Registration: Cannot handle expiration abc"));
+  ASSERT_TRUE(daemon_->alive());
+  ASSERT_TRUE(phone.send(options("after")));
+  EXPECT_FALSE(phone.answer().empty()) << "the daemon stopped answering";
+}
+
+// What a subscription is given is fixed by its event, not by what it asks for: mailbox
+// subscriptions five times the bounds of a binding, dialog subscriptions `sub_expires`.
+TEST_F(RegistrarWireTest, SubscriptionsGetTheirEventsExpiry) {
+  start({{"min_expires", "30"}, {"max_expires", "360"}, {"sub_expires", "600"}});
+  Phone phone("127.0.0.1", port_);
+  ASSERT_TRUE(phone.opened());
+  struct Case {
+    const char* event;
+    const char* asked;
+    int given;
+  } cases[] = {
+      {"message-summary", "60", 150},
+      {"message-summary", "100000", 1800},
+      {"message-summary", "900", 900},
+      {"dialog", "60", 600},
+  };
+  int index = 0;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::string(c.event) + " " + c.asked);
+    String call_id = format("sub%d", index++);
+    String nonce = challenge(phone, "SUBSCRIBE", call_id, "40", c.event);
+    String uri = Phone::request_uri("SUBSCRIBE", "40");
+    ASSERT_TRUE(phone.send(phone.request("SUBSCRIBE", call_id, 2, "40",
+                                         authorization("SUBSCRIBE", "40", "secret40", nonce, uri, uri), c.asked, c.event)));
+    String got = phone.answer();
+    ASSERT_TRUE(got.starts_with(String("SIP/2.0 200 Ok"))) << to_std(got);
+    // Answers are spread by up to two seconds either way.
+    int expires = header_value(got, String("Expires")).to_int();
+    EXPECT_GE(expires, c.given - 2) << to_std(got);
+    EXPECT_LE(expires, c.given + 2) << to_std(got);
+  }
+}
+
+// Ten failed REGISTERs within the period blacklist an unknown source (each costs 16 of
+// the 160 points); the tenth, whose own points tip the balance, is already dropped, and
+// the source then hears nothing, not even with the right password. The whitelisted
+// address can fail as often as it likes and still register afterwards.
+TEST_F(RegistrarWireTest, PasswordGuessersAreBlacklistedUnlessWhitelisted) {
+  // A long period, so that a slow machine doesn't let the points expire between packets.
+  start({{"blacklist_period", "600000"}});
+  const String uri("sip:localhost");
+  Phone friendly("127.0.0.1", port_);
+  ASSERT_TRUE(friendly.opened());
+  // Whether the guesser's last packet went unanswered: the whitelisted probe sent after it
+  // is read after it by the same loop and answered on the same path, so once the probe's
+  // answer is in, any answer to the guesser would be too.
+  auto dropped = [&](const char* probe) {
+    EXPECT_TRUE(friendly.send(options(probe)));
+    EXPECT_FALSE(friendly.answer().empty());
+    return !friendly.anything_waiting();
+  };
+
+  Phone guesser("127.0.0.9", port_);
+  ASSERT_TRUE(guesser.opened());
+  String nonce = challenge(guesser, "REGISTER", String("guess"), "40");
+  for (int cseq = 2; cseq <= 9; cseq++) {
+    SCOPED_TRACE(cseq);
+    ASSERT_TRUE(guesser.send(guesser.request("REGISTER", String("guess"), cseq, "40",
+                                             authorization("REGISTER", "40", "guess", nonce, uri, uri))));
+    String got = guesser.answer();
+    EXPECT_TRUE(got.starts_with(String("SIP/2.0 401"))) << to_std(got);
+    EXPECT_EQ(header_value(got, String("Warning")), String("399 localhost Password does not match"));
+  }
+  ASSERT_TRUE(guesser.send(guesser.request("REGISTER", String("guess"), 10, "40",
+                                           authorization("REGISTER", "40", "guess", nonce, uri, uri))));
+  EXPECT_TRUE(dropped("probe10"));
+  EXPECT_FALSE(guesser.anything_waiting()) << "the tenth guess was answered";
+  EXPECT_TRUE(log_shows(log_, "Address 127.0.0.9 has been blacklisted"));
+  ASSERT_TRUE(guesser.send(guesser.request("REGISTER", String("guess"), 11, "40",
+                                           authorization("REGISTER", "40", "secret40", nonce, uri, uri))));
+  EXPECT_TRUE(dropped("probe11"));
+  EXPECT_FALSE(guesser.anything_waiting()) << "a blacklisted source was answered";
+
+  String call_id("whitelisted");
+  nonce = challenge(friendly, "REGISTER", call_id, "40");
+  for (int cseq = 2; cseq <= 31; cseq++) {
+    SCOPED_TRACE(cseq);
+    ASSERT_TRUE(friendly.send(friendly.request("REGISTER", call_id, cseq, "40",
+                                               authorization("REGISTER", "40", "guess", nonce, uri, uri))));
+    EXPECT_TRUE(friendly.answer().starts_with(String("SIP/2.0 401")));
+  }
+  ASSERT_TRUE(friendly.send(friendly.request("REGISTER", call_id, 32, "40",
+                                             authorization("REGISTER", "40", "secret40", nonce, uri, uri))));
+  String got = friendly.answer();
+  EXPECT_TRUE(got.starts_with(String("SIP/2.0 200 Ok"))) << to_std(got);
+  EXPECT_EQ(slurp(log_).find("Address 127.0.0.1 has been blacklisted"), std::string::npos);
+}
