@@ -1,6 +1,7 @@
 // The registrar through the daemon, from a scripted phone over UDP: hostile Authorization
 // headers, the limits on a subscription's expiry, and the blacklisting of a source that
 // keeps guessing passwords.
+#include <dirent.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <unistd.h>
@@ -112,6 +113,22 @@ String authorization(const char* method, const char* user, const char* password,
                 String(user), nonce, uri_in_header, md5_hex(format("%s:%s:%s", ha1, nonce, ha2)));
 }
 
+// The rows of a table in the daemon's directory: one file each.
+int row_files(const std::string& dir) {
+  DIR* d = opendir(dir.c_str());
+  if (!d) return 0;
+  int n = 0;
+  while (dirent* e = readdir(d)) {
+    std::string name = e->d_name;
+    size_t dot = name.find(".xml");
+    if (dot != std::string::npos && dot > 0 && dot + 4 == name.size() &&
+        name.find_first_not_of("0123456789") == dot)
+      n++;
+  }
+  closedir(d);
+  return n;
+}
+
 class RegistrarWireTest : public ::testing::Test {
  protected:
   void start(std::map<std::string, std::string> settings = {}) {
@@ -150,6 +167,27 @@ class RegistrarWireTest : public ::testing::Test {
     String nonce = challenge_value(header_value(got, String("WWW-Authenticate")), "nonce");
     EXPECT_EQ(nonce.length(), 32) << to_std(got);
     return nonce;
+  }
+
+  // Challenge, then the same request with the right password; the final answer.
+  String admitted(Phone& phone, const String& call_id, const char* user, const char* password,
+                  const std::function<String(String)>& edit = nullptr, const char* expires = "3600") {
+    String nonce = challenge(phone, "REGISTER", call_id, user);
+    String uri("sip:localhost");
+    String text = phone.request("REGISTER", call_id, 2, user, authorization("REGISTER", user, password, nonce, uri, uri),
+                                expires);
+    if (edit) text = edit(text);
+    EXPECT_TRUE(phone.send(text));
+    return phone.answer();
+  }
+
+  // Waits until the table `registrations` has `rows` rows on disk.
+  bool bindings_become(int rows) {
+    for (int i = 0; i < 100; i++) {
+      if (row_files(dir_.file("registrations")) == rows) return true;
+      usleep(100000);
+    }
+    return false;
   }
 
   TempDir dir_;
@@ -322,4 +360,85 @@ TEST_F(RegistrarWireTest, PasswordGuessersAreBlacklistedUnlessWhitelisted) {
   String got = friendly.answer();
   EXPECT_TRUE(got.starts_with(String("SIP/2.0 200 Ok"))) << to_std(got);
   EXPECT_EQ(slurp(log_).find("Address 127.0.0.1 has been blacklisted"), std::string::npos);
+}
+
+// Three bindings of one account, then a lone star with Expires 0, authenticated like any
+// REGISTER, removes them all.
+TEST_F(RegistrarWireTest, StarClearsEveryBinding) {
+  start();
+  std::vector<std::unique_ptr<Phone>> phones;
+  for (int i = 0; i < 3; i++) {
+    phones.push_back(std::make_unique<Phone>("127.0.0.1", port_));
+    ASSERT_TRUE(phones.back()->opened());
+    String got = admitted(*phones.back(), format("bind%d", i), "40", "secret40");
+    ASSERT_TRUE(got.starts_with(String("SIP/2.0 200 Ok"))) << to_std(got);
+  }
+  ASSERT_TRUE(bindings_become(3));
+  Phone clearer("127.0.0.1", port_);
+  ASSERT_TRUE(clearer.opened());
+  String got = admitted(clearer, String("clear"), "40", "secret40", [](String text) {
+    int at = text.find(String("Contact: "));
+    int end = text.find(String("\r\n"), at);
+    return text.head(at) + "Contact: *" + text.tail(end);
+  }, "0");
+  EXPECT_TRUE(got.starts_with(String("SIP/2.0 200 Ok"))) << to_std(got);
+  EXPECT_TRUE(bindings_become(0));
+  EXPECT_TRUE(log_shows(log_, "Account 40 requested clearing of registration database"));
+}
+
+// With one binding allowed, a second contact is refused, while the first one's refreshes
+// and a REGISTER that names another account in From are answered as they should be.
+TEST_F(RegistrarWireTest, OneBindingAllowed) {
+  start({{"max_regs", "1"}});
+  Phone first("127.0.0.1", port_), second("127.0.0.1", port_), other("127.0.0.1", port_);
+  ASSERT_TRUE(first.opened() && second.opened() && other.opened());
+  String got = admitted(first, String("first"), "40", "secret40");
+  ASSERT_TRUE(got.starts_with(String("SIP/2.0 200 Ok"))) << to_std(got);
+  got = admitted(second, String("second"), "40", "secret40");
+  EXPECT_TRUE(got.starts_with(String("SIP/2.0 403 Too Many Registrations"))) << to_std(got);
+  for (int cseq = 3; cseq <= 5; cseq++) {
+    ASSERT_TRUE(first.send(first.request("REGISTER", String("first"), cseq, "40", String())));
+    got = first.answer();
+    EXPECT_TRUE(got.starts_with(String("SIP/2.0 200 Ok"))) << cseq << to_std(got);
+  }
+  // Only a dialog subscription may name another account in From than in To.
+  got = admitted(other, String("other"), "40", "secret40", [](String text) {
+    return text.replace_all(String("From: <sip:40@"), String("From: <sip:41@"));
+  });
+  EXPECT_TRUE(got.starts_with(String("SIP/2.0 403 Forbidden"))) << to_std(got);
+  EXPECT_TRUE(bindings_become(1));
+}
+
+// What a binding is given: the bounds of `min_expires` and `max_expires`, and behind a
+// NAT (the Via names another port than the packet came from) `nat_udp`. Answers are
+// spread by up to two seconds either way.
+TEST_F(RegistrarWireTest, BindingExpiries) {
+  start({{"min_expires", "30"}, {"max_expires", "360"}, {"nat_udp", "40"}});
+  struct Case {
+    const char* name;
+    const char* asked;
+    bool behind_nat;
+    int given;
+  } cases[] = {
+      {"within the bounds", "300", false, 300},
+      {"above the maximum", "3600", false, 360},
+      {"below the minimum", "10", false, 30},
+      {"behind a NAT", "3600", true, 40},
+  };
+  int index = 0;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    Phone phone("127.0.0.1", port_);
+    ASSERT_TRUE(phone.opened());
+    int real_port = phone.port();
+    String got = admitted(phone, format("exp%d", index++), "40", "secret40", [&](String text) {
+      if (!c.behind_nat) return text;
+      return text.replace_all(format("UDP 127.0.0.1:%d;", real_port), String("UDP 192.0.2.1:5999;"));
+    }, c.asked);
+    ASSERT_TRUE(got.starts_with(String("SIP/2.0 200 Ok"))) << to_std(got);
+    String contact = header_value(got, String("Contact"));
+    int expires = contact.tail(contact.find(String("expires=")) + 8).to_int();
+    EXPECT_GE(expires, c.given - 2) << to_std(got);
+    EXPECT_LE(expires, c.given + 2) << to_std(got);
+  }
 }
