@@ -45,6 +45,15 @@ void respond(const TaggedText& request, int status, const char* reason, int expi
   post_to_service(tag_register_response, t);
 }
 
+// The one-domain hint: a phone that names a host this system doesn't know, when there is
+// only one domain it could have meant.
+void log_unknown_domain(const String& host) {
+  Table* domains = table_by_name(tbl_domains);
+  if (!domains || domains->row_count() != 1 || find_domain(host)) return;
+  log_reg(2, format("You have only one domain and the domain %s cannot be found, consider using \"localhost\" as the domain name",
+                    host));
+}
+
 void on_credentials_question(const String& value) {
   must_own(ctrl_run_mutex, "registration_credentials", 1);
   TaggedText q(value);
@@ -55,25 +64,37 @@ void on_credentials_question(const String& value) {
   (void)answer.add(rec_call_id, q.find(rec_call_id));
   bool usable = account.found() && account.type == tbl_extensions;
   (void)answer.add(rec_account_found, usable);
+  if (!account.found()) log_unknown_domain(to.uri().host());
   if (usable) {
     Table* extensions = table_by_name(tbl_extensions);
     (void)answer.add(rec_domain, account.domain);
     (void)answer.add(rec_realm, from.uri().host());
     (void)answer.add(rec_auth_adr, extensions ? extensions->get(account.row, col_auth_adr) : String());
+    // In this order: the SIP password, the web password, then each provisioned device of
+    // the account with its MAC and its own password.
+    std::vector<std::pair<String, String>> credentials;
     String user = to.uri().user();
-    String password = extensions ? extensions->get(account.row, col_password) : String();
+    credentials.emplace_back(user, extensions ? extensions->get(account.row, col_password) : String());
     String web_pass = extensions ? extensions->get(account.row, col_web_pass) : String();
-    (void)answer.add(rec_user, user);
-    (void)answer.add(rec_password, password);
-    if (!web_pass.empty()) {
-      (void)answer.add(rec_user, user);
-      (void)answer.add(rec_password, web_pass);
+    if (!web_pass.empty()) credentials.emplace_back(user, web_pass);
+    if (Table* macs = table_by_name(tbl_macs)) {
+      // A device may serve several accounts: its `user` is a list of account ids.
+      String id(account.user);
+      for (int row = macs->first(); row; row = macs->next(row)) {
+        bool serves = false;
+        for (const String& word : macs->get(row, col_user).split(' ')) serves = serves || word == id;
+        String mac = macs->get(row, col_adr), pass = macs->get(row, col_pass);
+        if (serves && !mac.empty() && !pass.empty()) credentials.emplace_back(mac, pass);
+      }
     }
-    if (core_setting("rest_show_passwords") == "true" && log_enabled(LOG_REGISTER, 9)) {
-      String list = format("%s %s", user, password);
-      if (!web_pass.empty()) list.append(format("\n%s %s", user, web_pass));
+    String list;
+    for (const auto& [name, password] : credentials) {
+      (void)answer.add(rec_user, name);
+      (void)answer.add(rec_password, password);
+      list.append(format("%s %s\n", name, password));
+    }
+    if (core_setting("rest_show_passwords") == "true" && log_enabled(LOG_REGISTER, 9))
       log_add_message_domain(LOG_REGISTER, 9, account.domain, format("Registration credentials for %s", account.name), list);
-    }
   }
   post_to_service(tag_register_policy, answer);
 }
@@ -90,15 +111,6 @@ String format_expiry(long date) {
 
 RowSet bindings_of(Table& regs, const String& tuser, const String& event) {
   return regs.find_all(col_tuser, tuser, col_event, event);
-}
-
-// The one-domain hint: a phone that names a host this system doesn't know, when there is
-// only one domain it could have meant.
-void log_unknown_domain(const String& host) {
-  Table* domains = table_by_name(tbl_domains);
-  if (!domains || domains->row_count() != 1 || find_domain(host)) return;
-  log_reg(2, format("You have only one domain and the domain %s cannot be found, consider using \"localhost\" as the domain name",
-                    host));
 }
 
 // The row of this binding or subscription: by instance when the phone names one and the

@@ -15,6 +15,9 @@
 #include "core/format.h"
 #include "core/udp_socket.h"
 #include "security/md5.h"
+#include "store/names.h"
+#include "store/schema.h"
+#include "store/table.h"
 #include "tests/e2e/daemon_runner.h"
 #include "tests/support/test_support.h"
 #include "tests/support/work_dir_fixture.h"
@@ -129,14 +132,27 @@ int row_files(const std::string& dir) {
   return n;
 }
 
+// A table of the directory, loaded on its own with the schema's columns.
+std::unique_ptr<Table> open_table(const std::string& dir, const String& name) {
+  auto t = std::make_unique<Table>(name);
+  for (int i = 0; i < schema_table_count; i++) {
+    if (name != schema_tables[i].name) continue;
+    for (const SchemaColumn& c : schema_columns(schema_tables[i])) t->add_column(c.name, c.indexed, c.encrypted);
+  }
+  t->load(String(dir.data(), static_cast<int>(dir.size())) + "/" + name);
+  return t;
+}
+
 class RegistrarWireTest : public ::testing::Test {
  protected:
-  void start(std::map<std::string, std::string> settings = {}) {
+  // `before_start` may add rows to the directory the daemon will load.
+  void start(std::map<std::string, std::string> settings = {}, const std::function<void()>& before_start = nullptr) {
     WorkDirOptions o;
     o.ports = {"ip_sip_udp_port"};
     o.settings = settings;
     o.settings["out_of_dialog_options"] = "true";
     work_ = write_work_dir(dir_.path(), o);
+    if (before_start) before_start();
     port_ = work_.port("ip_sip_udp_port");
     log_ = dir_.file("daemon.err");
     daemon_ = std::make_unique<DaemonProcess>(std::vector<std::string>{"--no-daemon", "--dir", dir_.path(), "--log", "9"},
@@ -441,4 +457,36 @@ TEST_F(RegistrarWireTest, BindingExpiries) {
     EXPECT_GE(expires, c.given - 2) << to_std(got);
     EXPECT_LE(expires, c.given + 2) << to_std(got);
   }
+}
+
+// A provisioned phone may register for each account it serves with its MAC and its own
+// password; a host that names no domain gets 404 and the hint about the only domain.
+TEST_F(RegistrarWireTest, DevicePasswordsAndUnknownDomains) {
+  start({}, [this] {
+    auto users = open_table(dir_.path(), tbl_users);
+    int account = users->find_first(col_alias, String("40"));
+    ASSERT_NE(account, 0);
+    auto macs = open_table(dir_.path(), tbl_macs);
+    int row = macs->create_row();
+    macs->set(row, col_adr, String("0004F2ABCDEF"));
+    macs->set(row, col_user, format("99 %d", account));
+    macs->set(row, col_pass, String("devicepass"), true);
+  });
+  Phone phone("127.0.0.1", port_);
+  ASSERT_TRUE(phone.opened());
+  String nonce = challenge(phone, "REGISTER", String("device"), "40");
+  String uri("sip:localhost");
+  String auth = authorization("REGISTER", "0004F2ABCDEF", "devicepass", nonce, uri, uri);
+  ASSERT_TRUE(phone.send(phone.request("REGISTER", String("device"), 2, "40", auth)));
+  String got = phone.answer();
+  EXPECT_TRUE(got.starts_with(String("SIP/2.0 200 Ok"))) << to_std(got);
+
+  String text = phone.request("REGISTER", String("elsewhere"), 1, "40", String());
+  text.replace_all(String("To: <sip:40@localhost>"), String("To: <sip:40@pbx.example>"));
+  ASSERT_TRUE(phone.send(text));
+  got = phone.answer();
+  EXPECT_TRUE(got.starts_with(String("SIP/2.0 404 Not Found"))) << to_std(got);
+  EXPECT_EQ(header_value(got, String("Retry-After")), String("3600"));
+  EXPECT_TRUE(log_shows(log_, "You have only one domain and the domain pbx.example cannot be found, "
+                              "consider using \"localhost\" as the domain name"));
 }
