@@ -2,6 +2,7 @@
 
 #include <ctime>
 
+#include "core/device_syslog.h"
 #include "core/format.h"
 #include "core/log.h"
 #include "core/mutex.h"
@@ -113,6 +114,37 @@ RowSet bindings_of(Table& regs, const String& tuser, const String& event) {
   return regs.find_all(col_tuser, tuser, col_event, event);
 }
 
+// The sender address of a row's `adr` ("udp:1.2.3.4:5060"), in the form that the receiver
+// of device syslog names senders.
+String device_address(const String& adr) {
+  int colon = adr.find(':');
+  String bytes = parse_adr(host_part(colon >= 0 ? adr.tail(colon + 1) : adr));
+  return bytes.empty() ? String() : adr_text(bytes);
+}
+
+// Deletes binding rows; a device address that no binding of its account uses any more
+// leaves the device syslog map.
+void remove_bindings(Table& regs, const RowSet& rows) {
+  std::vector<std::pair<String, int>> gone;
+  for (int row : rows)
+    if (regs.get(row, col_event).empty())
+      gone.emplace_back(device_address(regs.get(row, col_adr)), regs.get(row, col_tuser).to_int());
+  regs.delete_rows(rows);
+  for (const auto& [adr, user] : gone) {
+    if (adr.empty() || user <= 0) continue;
+    bool still = false;
+    for (int row : regs.find_all(col_tuser, String(user), col_event, String()))
+      still = still || device_address(regs.get(row, col_adr)) == adr;
+    if (!still) device_syslog_unregister(adr, user);
+  }
+}
+
+void remove_binding(Table& regs, int row) {
+  RowSet one;
+  (void)one.add(row);
+  remove_bindings(regs, one);
+}
+
 // The row of this binding or subscription: by instance when the phone names one and the
 // row is of the same account, else by Call-ID, else by account and contact.
 int find_binding(Table& regs, const TaggedText& r, const String& tuser, const String& event) {
@@ -204,7 +236,7 @@ void on_registration_request(const String& value) {
       respond(r, 400, "Bad Request", 0);
       return;
     }
-    regs->delete_rows(bindings_of(*regs, tuser, event));
+    remove_bindings(*regs, bindings_of(*regs, tuser, event));
     log_reg(3, String("Account ") + account.name + " requested clearing of registration database");
     respond(r, 200, "Ok", 0);
     return;
@@ -212,7 +244,7 @@ void on_registration_request(const String& value) {
   int row = find_binding(*regs, r, tuser, event);
   if (expires <= 0) {
     if (row) {
-      regs->delete_row(row);
+      remove_binding(*regs, row);
       if (event.empty()) log_reg(3, String("Account ") + account.name + " is removing a registration");
     }
     respond(r, 200, "Ok", 0);
@@ -271,6 +303,7 @@ void on_registration_request(const String& value) {
   if (!peer.adr.empty() && peer.port)
     acl_allow(peer, peer.adr.length() * 8 + 16, true, transport == "udp" ? acl_class_udp : acl_class_tcp, expires,
               format("Registration %s", account.name));
+  if (event.empty()) device_syslog_register(device_address(regs->get(row, col_adr)), account.user);
   if (is_new && event.empty()) {
     int colon = source.find_last(':');
     log_reg(3, format("Account %s is registering a new contact from %s:%s", account.name,
@@ -300,7 +333,7 @@ void on_removed(const String& value) {
   TaggedText t(value);
   Table* regs = table_by_name(tbl_registrations);
   if (!regs) return;
-  regs->delete_rows(regs->find_all(col_callid, t.find(rec_call_id)));
+  remove_bindings(*regs, regs->find_all(col_callid, t.find(rec_call_id)));
 }
 
 void on_authentication_failed(const String& value) {
@@ -360,7 +393,7 @@ void expire_registrations() {
     }
     if (!gone.empty()) {
       log_reg(5, String("Device registration expired"));
-      regs->delete_rows(gone);
+      remove_bindings(*regs, gone);
     }
   }
   expiry_timer.callback(control_queue, 10000, callback_argument(expire_registrations));

@@ -9,6 +9,7 @@
 #include "core/posting.h"
 #include "core/random.h"
 #include "core/tagged_text.h"
+#include "core/version.h"
 #include "sip/request_routing.h"
 #include "sip/sip_receive.h"
 #include "sip/sip_hooks.h"
@@ -162,6 +163,7 @@ void send_register_ok(const RegistrationRef& r, SipMessage& request) {
   if (r->outbound_required) require = require.empty() ? String("outbound") : "outbound," + require;
   if (!require.empty()) ok.add_header(String("Require"), require);
   if (r->path_supported) ok.add_header(String("Supported"), String("path"));
+  ok.add_header(String("Server"), format("%s %s", String(exch_product), String(exch_version)));
   if (!r->answered_once) {
     char date[64];
     time_t now = time(nullptr);

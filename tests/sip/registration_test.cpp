@@ -227,6 +227,8 @@ TEST_F(RegistrationTest, WhatTheControlHalfHearsAndTheOkCarries) {
   EXPECT_EQ(header_value(ok, String("Path")), String("<sip:edge.test;lr>"));
   EXPECT_EQ(header_value(ok, String("Require")), String("frobnicate"));
   EXPECT_EQ(header_value(ok, String("Supported")), String("path"));
+  EXPECT_FALSE(header_value(ok, String("Server")).empty());
+  EXPECT_FALSE(header_value(ok, String("Date")).empty());
 }
 
 TEST_F(RegistrationTest, AddressBoundAccount) {
