@@ -94,6 +94,17 @@ String requested_expires(const SipMessage& m) {
   return header.empty() ? String("3600") : header;
 }
 
+// A numeric expiry in seconds; what doesn't fit in nine digits is held at a billion
+// seconds (or -1), so that no value wraps round into a short or negative one.
+int expiry_seconds(const String& text) {
+  String digits = text.trim();
+  bool negative = digits.starts_with(String("-"));
+  if (negative) digits = digits.tail(1);
+  digits = digits.trim_left('0');
+  if (digits.length() > 9) return negative ? -1 : 1000000000;
+  return negative ? -digits.to_int() : digits.to_int();
+}
+
 // The http or https address that a phone offers for its own web page: WWW-Contact first,
 // then Contact entries. The first wins, but https replaces http.
 String web_address(const SipMessage& m) {
@@ -275,7 +286,7 @@ void process(const RegistrationRef& r, SipMessage& m) {
   }
   String expires_text = requested_expires(m);
   bool numeric = expires_text.is_int();
-  int expires = numeric ? expires_text.to_int() : 0;
+  int expires = numeric ? expiry_seconds(expires_text) : 0;
   if (m.method == method_register && r->nat && expires > 0) {
     int nat = setting_int(m.transport == Transport::udp ? "nat_udp" : "nat_tcp2", 0);
     if (nat > 0) expires = nat;

@@ -279,3 +279,42 @@ TEST_F(RegistrationTest, FailedSubscribeIsChargedAtTheCheck) {
   EXPECT_EQ(to_control.back().second.find(rec_points), String("1"));
   EXPECT_EQ(to_control.back().second.find(rec_source), parse_adr(String("127.0.0.1")));
 }
+
+// Odd values in the headers that the service half reads itself: each request still
+// reaches the control half, with the expiry as the service half understood it.
+TEST_F(RegistrationTest, OddHeadersReachTheControlHalf) {
+  struct Case {
+    const char* headers;  // whole lines, replacing the Expires line
+    const char* expires;  // as posted
+  } cases[] = {
+      {"Expires: 60\r\n", "60"},
+      {"Expires:  60 \r\n", "60"},
+      {"Expires: -1\r\n", "-1"},
+      {"Expires: 0000000000000000000000000120\r\n", "120"},
+      {"Expires: 99999999999999999999999\r\n", "1000000000"},
+      {"Expires: 4294967306\r\n", "1000000000"},
+      {"Expires: 0x10\r\n", "0x10"},
+      {"Expires: 1e3\r\n", "1e3"},
+      {"Expires:\r\n", "3600"},
+      {"", "3600"},
+      {"Expires: 60\r\nProxy-Require: ,,,,,,,,\r\n", "60"},
+      {"Expires: 60\r\nSupported: \xff\xfe\r\nWWW-Contact: <\r\n", "60"},
+      {"Expires: 60\r\nWWW-Contact: http:\r\nWWW-Contact: >>>https\r\n", "60"},
+  };
+  int n = 0;
+  for (const Case& c : cases) {
+    clear_registrations();
+    clear_pending_packets();
+    to_control.clear();
+    String call_id = format("odd%d", n++);
+    String text = format("REGISTER sip:pbx.test SIP/2.0\r\nVia: SIP/2.0/UDP 127.0.0.1:5062;branch=z9hG4bK%s;rport\r\n"
+                         "From: <sip:1001@pbx.test>;tag=ft\r\nTo: <sip:1001@pbx.test>\r\nCall-ID: %s\r\n"
+                         "CSeq: 1 REGISTER\r\nContact: <sip:1001@127.0.0.1:5062>\r\n%sContent-Length: 0\r\n\r\n",
+                         call_id, call_id, String(c.headers));
+    receive(text);
+    answer_policy(call_id, String(), true);
+    ASSERT_FALSE(to_control.empty()) << c.headers;
+    EXPECT_EQ(to_control.back().first, tag_registration_request) << c.headers;
+    EXPECT_EQ(to_control.back().second.find(rec_expires), String(c.expires)) << c.headers;
+  }
+}
