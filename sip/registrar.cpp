@@ -21,6 +21,7 @@
 namespace {
 
 Timeout expiry_timer;
+WebAccountLookup web_account = nullptr;
 
 void log_reg(int level, const String& text) {
   if (log_enabled(LOG_REGISTER, level)) log_add_message_global(LOG_REGISTER, level, 0, text);
@@ -64,8 +65,18 @@ void on_credentials_question(const String& value) {
   TaggedText answer;
   (void)answer.add(rec_call_id, q.find(rec_call_id));
   bool usable = account.found() && account.type == tbl_extensions;
-  (void)answer.add(rec_account_found, usable);
   if (!account.found()) log_unknown_domain(to.uri().host());
+  // A phone inside a logged-in web page has shown its password to the web server already.
+  String socket_key = q.find(rec_socket_key);
+  if (account.found() && socket_key.starts_with(String("rest:")) && web_account && web_account(socket_key) == account.user) {
+    log_reg(5, format("Allow registration without further authentication for %s", account.name));
+    (void)answer.add(rec_account_found, true);
+    (void)answer.add(rec_domain, account.domain);
+    (void)answer.add(rec_no_auth, true);
+    post_to_service(tag_register_policy, answer);
+    return;
+  }
+  (void)answer.add(rec_account_found, usable);
   if (usable) {
     Table* extensions = table_by_name(tbl_extensions);
     (void)answer.add(rec_domain, account.domain);
@@ -98,6 +109,21 @@ void on_credentials_question(const String& value) {
       log_add_message_domain(LOG_REGISTER, 9, account.domain, format("Registration credentials for %s", account.name), list);
   }
   post_to_service(tag_register_policy, answer);
+}
+
+// An app that names a push token in its Contact can be woken for a call while it sleeps.
+void keep_push_token(const String& token, const AccountRef& account, const String& device, const String& agent) {
+  Table* tokens = table_by_name(tbl_fcmregs);
+  if (!tokens) return;
+  int row = tokens->find_first(col_token, token);
+  if (!row) row = tokens->create_row();
+  if (!row) return;
+  tokens->set(row, col_token, token);
+  tokens->set(row, col_device, device);
+  tokens->set(row, col_ts, String(static_cast<long>(time(nullptr))));
+  tokens->set(row, col_domain, String(account.domain));
+  tokens->set(row, col_user, String(account.user));
+  tokens->set(row, col_ua, agent, true);
 }
 
 // The expiry as local time text, for people who read the row files.
@@ -304,6 +330,8 @@ void on_registration_request(const String& value) {
     acl_allow(peer, peer.adr.length() * 8 + 16, true, transport == "udp" ? acl_class_udp : acl_class_tcp, expires,
               format("Registration %s", account.name));
   if (event.empty()) device_syslog_register(device_address(regs->get(row, col_adr)), account.user);
+  String token = r.find(rec_push_token);
+  if (!token.empty()) keep_push_token(token, account, r.find(rec_instance), r.find(rec_user_agent));
   if (is_new && event.empty()) {
     int colon = source.find_last(':');
     log_reg(3, format("Account %s is registering a new contact from %s:%s", account.name,
@@ -402,6 +430,8 @@ void expire_registrations() {
 void start_registration_expiry() {
   expiry_timer.callback(control_queue, 10000, callback_argument(expire_registrations));
 }
+
+void set_registrar_web_account(WebAccountLookup lookup) { web_account = lookup; }
 
 void registrar_register() {
   register_control_handler(tag_credentials_question, on_credentials_question);

@@ -18,6 +18,12 @@ struct AccountRef {
 AccountRef find_account(const String& user, const String& host);
 int find_domain(const String& host);
 
+// The account (its `users` row) logged in on a web connection, by the connection's socket
+// key ("rest:..."); 0 for none. Filled in by the web layer; until then no connection
+// has one.
+using WebAccountLookup = int (*)(const String& socket_key);
+void set_registrar_web_account(WebAccountLookup lookup);
+
 // Registers the control-half handlers of the registrar's messages.
 void registrar_register();
 // Bindings whose `date` has passed are removed every 10 seconds on the control queue.

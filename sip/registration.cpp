@@ -326,6 +326,11 @@ void process(const RegistrationRef& r, SipMessage& m) {
   (void)req.add(rec_instance, contact ? nameaddr_param(*contact, String("+sip.instance")) : String());
   (void)req.add(rec_www, web_address(m));
   if (contact && uri_param(contact->uri(), String("wrtc")) == "true") (void)req.add(rec_wrtc, true);
+  if (contact) {
+    String token = nameaddr_param(*contact, String("fcmtoken"));
+    if (token.empty()) token = uri_param(contact->uri(), String("fcmtoken"));
+    if (!token.empty()) (void)req.add(rec_push_token, token);
+  }
   (void)req.add(rec_user_agent, m.header(String("User-Agent")));
   (void)req.add(rec_supported, supported);
   (void)req.add(rec_proxy_require, proxy_require);

@@ -32,7 +32,7 @@ enum RegistrarRecord {
   rec_event = 27, rec_event_params = 28, rec_instance = 29, rec_www = 30, rec_user_agent = 31,
   rec_supported = 32, rec_proxy_require = 33, rec_body = 34, rec_socket_key = 66, rec_username = 35,
   rec_contact = 36, rec_min_expires = 37, rec_max_expires = 38, rec_points = 39, rec_charged = 40,
-  rec_clear_all = 41, rec_text = 42, rec_wrtc = 43, rec_method = 44,
+  rec_clear_all = 41, rec_text = 42, rec_wrtc = 43, rec_method = 44, rec_push_token = 47,
 };
 
 struct Registration {

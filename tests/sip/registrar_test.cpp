@@ -43,6 +43,7 @@ struct Request {
   String instance;
   bool wrtc = false;
   bool clear_all = false;
+  String push_token;
 };
 
 class RegistrarTest : public ::testing::Test {
@@ -53,7 +54,7 @@ class RegistrarTest : public ::testing::Test {
     create_tables();
     // In memory only: nothing of this test reaches a file.
     for (const String& name : {tbl_domains, tbl_domain_alias, tbl_users, tbl_user_alias, tbl_extensions,
-                               tbl_attendants, tbl_registrations, tbl_macs}) {
+                               tbl_attendants, tbl_registrations, tbl_macs, tbl_fcmregs}) {
       Table* t = table_by_name(name);
       ASSERT_NE(t, nullptr);
       persisted_.emplace_back(t, t->persist());
@@ -74,7 +75,24 @@ class RegistrarTest : public ::testing::Test {
     add_account("1003", tbl_extensions, {{col_password, String("pw3")}, {col_euse, String("noreg")}});
     add_account("1100", tbl_attendants, {});
   }
+  // Asks for the credentials of the account in To on a connection.
+  TaggedText credentials_for(const char* number, const char* socket_key) {
+    TaggedText q;
+    (void)q.add(rec_call_id, String("c1"));
+    (void)q.add(rec_from, format("<sip:%s@pbx.test>;tag=x", String(number)));
+    (void)q.add(rec_to, format("<sip:%s@pbx.test>", String(number)));
+    (void)q.add(rec_socket_key, String(socket_key));
+    TaggedText outer;
+    (void)outer.add(tag_credentials_question, q);
+    policies.clear();
+    dispatch_posted(outer.text(), false);
+    pbxsrv_flush();
+    pbxsrv_soap();
+    return policies.empty() ? TaggedText() : policies.back();
+  }
+
   void TearDown() override {
+    set_registrar_web_account(nullptr);
     for (const auto& [table, persist] : persisted_) table->set_persist(persist);
     ctrl_run_mutex.unlock("registrar_test", 1);
     set_setting_reader(nullptr);
@@ -112,6 +130,8 @@ class RegistrarTest : public ::testing::Test {
     (void)t.add(rec_event, q.event);
     (void)t.add(rec_instance, q.instance);
     if (q.wrtc) (void)t.add(rec_wrtc, true);
+    if (!q.push_token.empty()) (void)t.add(rec_push_token, q.push_token);
+    (void)t.add(rec_user_agent, String("App/2.1 Android/14"));
     (void)t.add(rec_socket_key, String("udp:5060"));
     TaggedText outer;
     (void)outer.add(tag_registration_request, t);
@@ -286,20 +306,12 @@ TEST_F(RegistrarTest, CredentialsOfAnAccount) {
   add_row(tbl_macs, {{col_adr, String("0004F2000001")}, {col_user, format("%d %d", ext1001_, ext1002_)},
                      {col_pass, String("devpw")}});
   add_row(tbl_macs, {{col_adr, String("0004F2000002")}, {col_user, String(ext1001_)}, {col_pass, String("other")}});
-  TaggedText q;
-  (void)q.add(rec_call_id, String("c1"));
-  (void)q.add(rec_from, String("<sip:1002@pbx.test>;tag=x"));
-  (void)q.add(rec_to, String("<sip:1002@pbx.test>"));
-  TaggedText outer;
-  (void)outer.add(tag_credentials_question, q);
-  dispatch_posted(outer.text(), false);
-  pbxsrv_flush();
-  pbxsrv_soap();
-  ASSERT_EQ(policies.size(), 1u);
-  EXPECT_EQ(policies[0].find(rec_account_found), String("true"));
-  EXPECT_EQ(policies[0].find(rec_realm), String("pbx.test"));
+  TaggedText policy = credentials_for("1002", "udp:5060");
+  EXPECT_EQ(policy.find(rec_account_found), String("true"));
+  EXPECT_EQ(policy.find(rec_realm), String("pbx.test"));
+  EXPECT_TRUE(policy.find(rec_no_auth).empty());
   std::vector<std::string> pairs;
-  TaggedText walk(policies[0].text());
+  TaggedText walk(policy.text());
   int tag;
   String v, user;
   while (walk.next(tag, v)) {
@@ -307,4 +319,42 @@ TEST_F(RegistrarTest, CredentialsOfAnAccount) {
     if (tag == rec_password) pairs.push_back(to_std(user) + " " + to_std(v));
   }
   EXPECT_EQ(pairs, (std::vector<std::string>{"1002 pw2", "1002 webpw", "0004F2000001 devpw"}));
+}
+
+// A phone in a web page whose connection is logged in as the same account needs no
+// password; another account's web connection does not help.
+TEST_F(RegistrarTest, LoggedInWebConnectionNeedsNoPassword) {
+  static int logged_in;
+  logged_in = ext1001_;
+  set_registrar_web_account([](const String& key) { return key == "rest:7" ? logged_in : 0; });
+  LogCapture log;
+  TaggedText own = credentials_for("1001", "rest:7");
+  EXPECT_EQ(own.find(rec_no_auth), String("true"));
+  EXPECT_EQ(own.find(rec_account_found), String("true"));
+  EXPECT_TRUE(log.contains("Allow registration without further authentication for 1001"));
+  struct Case {
+    const char* number;
+    const char* socket_key;
+  } others[] = {{"1002", "rest:7"}, {"1001", "rest:8"}, {"1001", "udp:5060"}};
+  for (const Case& c : others) {
+    TaggedText policy = credentials_for(c.number, c.socket_key);
+    EXPECT_TRUE(policy.find(rec_no_auth).empty()) << c.number << " " << c.socket_key;
+    EXPECT_FALSE(policy.find(rec_password).empty()) << c.number << " " << c.socket_key;
+  }
+}
+
+TEST_F(RegistrarTest, AppsKeepTheirPushToken) {
+  Request q;
+  q.push_token = String("tok-1");
+  q.instance = String("<urn:uuid:app>");
+  EXPECT_EQ(request(q).find(rec_status), String("200"));
+  q.call_id = String("c2");
+  EXPECT_EQ(request(q).find(rec_status), String("200"));
+  Table* tokens = table_by_name(tbl_fcmregs);
+  ASSERT_EQ(tokens->row_count(), 1);
+  int row = tokens->first();
+  EXPECT_EQ(tokens->get(row, col_user), String(ext1001_));
+  EXPECT_EQ(tokens->get(row, col_domain), String(domain_));
+  EXPECT_EQ(tokens->get(row, col_ua), String("App/2.1 Android/14"));
+  EXPECT_EQ(tokens->get(row, col_device), String("<urn:uuid:app>"));
 }

@@ -197,7 +197,7 @@ TEST_F(RegistrationTest, WhatTheControlHalfHearsAndTheOkCarries) {
                   "Call-ID: reg-1\r\nCSeq: %d REGISTER\r\nPath: <sip:edge.test;lr>\r\n"
                   "Supported: path\r\nProxy-Require: path, frobnicate\r\n"
                   "WWW-Contact: <http://127.0.0.1:80/>\r\n"
-                  "Contact: <sip:1001@127.0.0.1:5062;wrtc=true>;+sip.instance=\"<urn:uuid:1>\", <https://127.0.0.1/>\r\n"
+                  "Contact: <sip:1001@127.0.0.1:5062;wrtc=true>;+sip.instance=\"<urn:uuid:1>\";fcmtoken=tok9, <https://127.0.0.1/>\r\n"
                   "Expires: %s\r\nContent-Length: 0\r\n\r\n",
                   cseq, cseq, expires);
   };
@@ -210,7 +210,9 @@ TEST_F(RegistrationTest, WhatTheControlHalfHearsAndTheOkCarries) {
   EXPECT_EQ(q.find(rec_www), String("https://127.0.0.1/"));
   EXPECT_EQ(q.find(rec_wrtc), String("true"));
   EXPECT_EQ(q.find(rec_proxy_require), String("path, frobnicate"));
-  EXPECT_EQ(q.find(rec_contact), String("<sip:edge.test;lr>,<sip:1001@127.0.0.1:5062;wrtc=true>;+sip.instance=\"<urn:uuid:1>\""));
+  EXPECT_EQ(q.find(rec_contact),
+            String("<sip:edge.test;lr>,<sip:1001@127.0.0.1:5062;wrtc=true>;+sip.instance=\"<urn:uuid:1>\";fcmtoken=tok9"));
+  EXPECT_EQ(q.find(rec_push_token), String("tok9"));
   EXPECT_TRUE(q.find(rec_clear_all).empty());
   answer_request(1, 400, 0);
   ASSERT_EQ(answers.size(), 1u);
