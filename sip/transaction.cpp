@@ -9,6 +9,8 @@
 #include "core/mutex.h"
 #include "core/random.h"
 #include "sip/branch.h"
+#include "sip/dns_lines.h"
+#include "sip/dns_message.h"
 #include "sip/sip_hooks.h"
 #include "sip/sip_params.h"
 #include "sip/sip_send.h"
@@ -158,15 +160,84 @@ void expand_url(const PendingRef& p, const String& uri_text) {
   std::vector<String> lines;
   if (is_literal(host)) {
     lines.push_back(format("%s %s %d", word, host, port.empty() ? (tls ? 5061 : 5060) : port.to_int()));
+  } else if (!port.empty()) {
+    if (startup_options.use_ipv6) lines.push_back(format("aaaa %s %s %s", word, host, port));
+    if (startup_options.use_ipv4) lines.push_back(format("a %s %s %s", word, host, port));
   } else {
-    String p_text = port.empty() ? String(tls ? "5061" : "5060") : port;
-    if (startup_options.use_ipv6) lines.push_back(format("aaaa %s %s %s", word, host, p_text));
-    if (startup_options.use_ipv4) lines.push_back(format("a %s %s %s", word, host, p_text));
+    // No port: the domain's NAPTR and SRV records say where its SIP service is.
+    String wanted = tls ? String("tls") : transport == "tcp" || transport == "udp" ? transport : String();
+    lines.push_back(wanted.empty() ? format("naptr %s", host) : format("naptr %s %s", host, wanted));
   }
   for (auto it = lines.rbegin(); it != lines.rend(); ++it) p->resolve_list.push_front(*it);
 }
 
 void retry_route(const CallbackObject& o) { route_pending_packet(ref_of(o)); }
+
+// The record text of a DNS name, or false after asking: the line stays in the list and the
+// answer's callback routes the packet again.
+bool dns_text(const PendingRef& p, const String& name, int type, String& text) {
+  if (!resolver.lookup) return true;  // no DNS at all: as good as no record
+  if (resolver.lookup(name, type, text)) return true;
+  if (resolver.request) resolver.request(name, type, retry_route, CallbackObject(p));
+  return false;
+}
+
+void push_lines_front(const PendingRef& p, const std::vector<String>& lines) {
+  for (auto it = lines.rbegin(); it != lines.rend(); ++it) p->resolve_list.push_front(*it);
+}
+
+// What ENUM expressions are applied to: the user and host of the request's URI.
+String enum_subject(const PendingRef& p) {
+  const SipUri& uri = p->message.request_uri;
+  return uri.user().empty() ? uri.host() : format("%s@%s", uri.user(), uri.host());
+}
+
+// One step of the NAPTR, SRV or address look-up of the line in front; false when the
+// packet waits for DNS.
+bool resolve_line(const PendingRef& p, const String& verb, const String& line) {
+  if (verb == "naptr" || verb == "enum") {
+    bool is_enum = verb == "enum";
+    String host = line.word(1, ' '), wanted = is_enum ? String() : line.word(2, ' ');
+    String records;
+    if (!dns_text(p, host, dns_naptr, records)) return false;
+    p->resolve_list.pop_front();
+    if (!records.empty()) push_lines_front(p, naptr_lines(records, wanted, is_enum, enum_subject(p)));
+    else if (!is_enum) push_lines_front(p, naptr_fallback_lines(host, wanted, 0));
+    return true;
+  }
+  if (verb == "srv") {
+    String transport = line.word(1, ' '), name = line.word(2, ' ');
+    String records;
+    if (!dns_text(p, name, dns_srv, records)) return false;
+    p->resolve_list.pop_front();
+    int names = 0;
+    std::vector<String> lines = srv_lines(records, transport, startup_options.use_ipv4, startup_options.use_ipv6, names);
+    // Every target name costs up to four more lines (its look-ups and the send).
+    if (p->message.method != method_discover)
+      for (int i = 0; i < names && p->max_iterations < 100; i++) p->max_iterations += 4;
+    push_lines_front(p, lines);
+    return true;
+  }
+  // "a" and "aaaa": transport, host, port.
+  String word = line.word(1, ' '), host = line.word(2, ' '), port = line.word(3, ' ');
+  if (port.empty()) port = String("5060");
+  if (host.starts_with(String("[")) && host.ends_with(String("]"))) host = host.substr(1, host.length() - 2);
+  String adr = parse_adr(host);
+  bool v6 = verb == "aaaa";
+  if (!adr.empty() && (adr.length() == 16) != v6) {
+    p->resolve_list.pop_front();
+    return true;
+  }
+  if (adr.empty()) {
+    String text;
+    if (!dns_text(p, host, v6 ? dns_aaaa : dns_a, text)) return false;
+    adr = parse_adr(text.word(0, '\n').word(0, ' '));
+    if (!adr.empty() && (adr.length() == 16) != v6) adr = String();
+  }
+  p->resolve_list.pop_front();
+  if (!adr.empty()) p->resolve_list.push_front(format("%s %s %s", word, adr_text(adr), port));
+  return true;
+}
 
 void route_pending_packet(const PendingRef& p) {
   while (!p->resolve_list.empty()) {
@@ -192,23 +263,8 @@ void route_pending_packet(const PendingRef& p) {
       expand_url(p, line.words_from(1, ' '));
       continue;
     }
-    if (verb == "a" || verb == "aaaa") {
-      String word = line.word(1, ' '), host = line.word(2, ' '), port = line.word(3, ' ');
-      if (port.empty()) port = String("5060");
-      String adr = parse_adr(host);
-      bool v6 = verb == "aaaa";
-      if (!adr.empty() && (adr.length() == 16) != v6) {
-        p->resolve_list.pop_front();
-        continue;
-      }
-      if (adr.empty() && resolver.lookup && !resolver.lookup(host, v6, adr)) {
-        if (resolver.request) {
-          resolver.request(host, v6, retry_route, CallbackObject(p));
-          return;  // the line stays; the answer will be in the cache
-        }
-      }
-      p->resolve_list.pop_front();
-      if (!adr.empty()) p->resolve_list.push_front(format("%s %s %s", word, adr_text(adr), port));
+    if (verb == "a" || verb == "aaaa" || verb == "srv" || verb == "naptr" || verb == "enum") {
+      if (!resolve_line(p, verb, line)) return;
       continue;
     }
     log_sip(2, format("Internal error: Unknown DNS resolve type %s", verb));

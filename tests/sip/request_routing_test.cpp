@@ -2,11 +2,13 @@
 
 #include <gtest/gtest.h>
 
+#include <map>
 #include <vector>
 
 #include "core/posting.h"
 #include "core/tick.h"
 #include "core/timeout.h"
+#include "sip/dns_message.h"
 #include "sip/message_text.h"
 #include "sip/sip_hooks.h"
 #include "sip/sip_send.h"
@@ -188,6 +190,117 @@ TEST_F(RoutingTest, UnresolvableHostGivesALocal404) {
                String("unres-1"), String());
   m.request_uri = String("sip:x@nowhere.test");
   send_packet(m);
+  EXPECT_TRUE(sent.empty());
+  ASSERT_EQ(local_responses.size(), 1u);
+  EXPECT_EQ(local_responses[0].status, 404);
+}
+
+namespace {
+
+// A DNS that knows `records` (type and name to the record text; a missing key is a
+// negative answer) and answers each key only after it was asked for, the way a cache
+// fills: the first look-up misses, the request answers at once.
+std::map<std::pair<int, std::string>, std::string> records;
+std::map<std::pair<int, std::string>, bool> asked;
+std::vector<std::string> requests;
+
+bool fake_lookup(const String& name, int type, String& text) {
+  auto key = std::make_pair(type, to_std(name));
+  if (!asked[key]) return false;
+  auto found = records.find(key);
+  text = found == records.end() ? String() : String(found->second.c_str());
+  return true;
+}
+
+void fake_request(const String& name, int type, void (*retry)(const CallbackObject&), const CallbackObject& pending) {
+  requests.push_back(to_std(dns_type_word(type)) + " " + to_std(name));
+  asked[std::make_pair(type, to_std(name))] = true;
+  retry(pending);
+}
+
+std::vector<std::string> resolve_lines(const LogCapture& log) {
+  std::vector<std::string> out;
+  for (const std::string& l : log.lines()) {
+    size_t at = l.find("Resolve ");
+    if (at != std::string::npos) out.push_back(l.substr(at));
+  }
+  return out;
+}
+
+class DnsRoutingTest : public RoutingTest {
+ protected:
+  void SetUp() override {
+    RoutingTest::SetUp();
+    records.clear();
+    asked.clear();
+    requests.clear();
+    set_sip_resolver(SipResolver{fake_lookup, fake_request});
+  }
+  void TearDown() override {
+    set_sip_resolver(SipResolver());
+    RoutingTest::TearDown();
+  }
+  void send_options(const char* uri) {
+    SipMessage m(String("OPTIONS"), NameAddr(String("<sip:pbx@pbx.test>;tag=lt")), NameAddr(format("<%s>", uri)),
+                 String("dns-1"), String());
+    m.request_uri = String(uri);
+    send_packet(m);
+    exchsrv_soap();
+  }
+};
+
+}  // namespace
+
+// A domain without a port is found through its NAPTR, then SRV, then the addresses of
+// the SRV target. A line that waits for DNS is counted again when its answer comes.
+TEST_F(DnsRoutingTest, NaptrThenSrvThenAddress) {
+  records[{dns_naptr, "example.test"}] = "10 50 S SIP+D2U - _sip._udp.example.test";
+  records[{dns_srv, "_sip._udp.example.test"}] = "10 60 pbx1.example.test 5070";
+  records[{dns_a, "pbx1.example.test"}] = "127.0.0.1";
+  LogCapture log;
+  send_options("sip:100@example.test");
+  EXPECT_EQ(resolve_lines(log), (std::vector<std::string>{
+                                    "Resolve 0: url sip:100@example.test",
+                                    "Resolve 1: naptr example.test",
+                                    "Resolve 2: naptr example.test",
+                                    "Resolve 3: srv udp _sip._udp.example.test",
+                                    "Resolve 4: srv udp _sip._udp.example.test",
+                                    "Resolve 5: aaaa udp pbx1.example.test 5070",
+                                    "Resolve 6: aaaa udp pbx1.example.test 5070",
+                                    "Resolve 7: a udp pbx1.example.test 5070",
+                                    "Resolve 8: a udp pbx1.example.test 5070",
+                                    "Resolve 9: udp 127.0.0.1 5070",
+                                }));
+  EXPECT_EQ(requests, (std::vector<std::string>{"NAPTR example.test", "SRV _sip._udp.example.test",
+                                                "AAAA pbx1.example.test", "A pbx1.example.test"}));
+  ASSERT_EQ(sent.size(), 1u);
+  EXPECT_EQ(sent[0].order.destination, Address(parse_adr(String("127.0.0.1")), 5070));
+}
+
+// Without NAPTR records the host's own address comes first, then its SRV records; a
+// transport parameter narrows both to that transport.
+TEST_F(DnsRoutingTest, WithoutNaptrAddressesThenSrv) {
+  records[{dns_srv, "_sip._tcp.example.test"}] = "10 60 127.0.0.3 5080";
+  LogCapture log;
+  send_options("sip:100@example.test;transport=tcp");
+  EXPECT_EQ(requests, (std::vector<std::string>{"NAPTR example.test", "A example.test", "AAAA example.test",
+                                                "SRV _sip._tcp.example.test"}));
+  ASSERT_EQ(sent.size(), 1u);
+  EXPECT_EQ(sent[0].order.destination, Address(parse_adr(String("127.0.0.3")), 5080));
+  EXPECT_EQ(sent[0].order.transport, String("tcp"));
+  EXPECT_TRUE(log.contains("Resolve 9: tcp 127.0.0.3 5080"));
+}
+
+// Each SRV target name buys four more lines, up to a hundred: sixty dead targets run
+// out of lines and end in the local 404 rather than looping.
+TEST_F(DnsRoutingTest, ManySrvTargetsHitTheIterationLimit) {
+  std::string srv;
+  for (int i = 0; i < 60; i++) srv += (i ? "\n" : "") + std::to_string(i) + " 0 dead" + std::to_string(i) + ".test 5060";
+  records[{dns_naptr, "many.test"}] = "10 50 S SIP+D2U - _sip._udp.many.test";
+  records[{dns_srv, "_sip._udp.many.test"}] = srv;
+  LogCapture log;
+  send_options("sip:100@many.test");
+  EXPECT_TRUE(log.contains("Cannot route packet 103 (too many iterations)"));
   EXPECT_TRUE(sent.empty());
   ASSERT_EQ(local_responses.size(), 1u);
   EXPECT_EQ(local_responses[0].status, 404);
