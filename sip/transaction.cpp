@@ -1,5 +1,6 @@
 #include "sip/transaction.h"
 
+#include <algorithm>
 #include <map>
 #include <vector>
 
@@ -340,6 +341,33 @@ void send_response(SipMessage&& m) {
   route_pending_packet(p);
 }
 
+// The pending INVITE that a CANCEL is for: same Call-ID, CSeq number and From tag.
+PendingRef pending_invite_of(const SipMessage& cancel) {
+  auto range = pending.equal_range(cancel.call_id);
+  for (auto it = range.first; it != range.second; ++it) {
+    const SipMessage& q = it->second->message;
+    if (q.is_request && q.method == method_invite && q.cseq == cancel.cseq && q.from.tag() == cancel.from.tag())
+      return it->second;
+  }
+  return PendingRef();
+}
+
+// The ENUM name of a telephone number: its digits reversed, one label each, under
+// "e164.arpa"; empty for anything that isn't a number.
+String enum_domain(const String& user) {
+  String digits = user.starts_with(String("+")) ? user.tail(1) : user;
+  if (digits.empty() || digits.length() > 32) return String();
+  String out;
+  for (int i = digits.length() - 1; i >= 0; i--) {
+    char c = digits[i];
+    if (c < '0' || c > '9') return String();
+    out.append(String(&c, 1));
+    out.append(String("."));
+  }
+  out.append(String("e164.arpa"));
+  return out;
+}
+
 void send_request(SipMessage&& m) {
   if (m.method != method_notify || m.cseq == 0) {
     String key = m.from.tag().empty() ? m.call_id : format("%s %s", m.call_id, m.from.tag());
@@ -364,6 +392,8 @@ void send_request(SipMessage&& m) {
   String kind = m.socket_key.word(0, ':');
   bool connection = kind == "tcp" || kind == "tls" || kind == "ctcp" || kind == "ctls";
   set_via_suffix(m);
+  PendingRef cancelled = m.method == method_cancel ? pending_invite_of(m) : PendingRef();
+  if (cancelled) m.via_suffix = cancelled->message.via_suffix;
   String via_word = connection ? (kind == "tcp" || kind == "ctcp" ? String("TCP") : String("TLS")) : String("XXX");
   String via = sip_setting(String("no_rport")) == "true" || m.method == method_options
                    ? format("SIP/2.0/%s {x-pre-adr}:{x-pre-port}%s", via_word, m.via_suffix)
@@ -380,12 +410,44 @@ void send_request(SipMessage&& m) {
     return;
   }
   SipMessage& msg = p->message;
+  if (!msg.preset_routes.empty()) {
+    for (const String& line : msg.preset_routes.split('\n')) {
+      String l = line.trim();
+      if (l.empty()) continue;
+      p->resolve_list.push_back(l);
+      p->max_iterations = std::min(100, p->max_iterations + 4);
+    }
+    route_pending_packet(p);
+    return;
+  }
+  if (cancelled) {
+    // A CANCEL must reach the very hop that has the INVITE.
+    if (!cancelled->target.empty())
+      p->resolve_list.push_back(format("%s %s %d", cancelled->transport.empty() ? String("udp") : cancelled->transport,
+                                       adr_text(cancelled->target.adr), cancelled->target.port));
+  }
   String target;
+  String enum_name;
   if (!msg.route.empty() && !msg.ignore_route) target = msg.route[0].uri().text();
   else if (msg.proxy == "sip:loopback") p->resolve_list.push_back(String("udp 127.0.0.1 5060"));
   else if (!msg.proxy.empty()) target = msg.proxy.contains(':') ? msg.proxy : String("sip:") + msg.proxy;
-  else target = msg.request_uri.text();
-  if (!target.empty()) p->resolve_list.push_back(String("url ") + target);
+  else if (uri_param(msg.request_uri, String("enum")) == "true" && !(enum_name = enum_domain(msg.request_uri.user())).empty()) {
+    log_sip(7, format("Converting phone %s into %s", msg.request_uri.user(), enum_name));
+    p->resolve_list.push_back(String("enum ") + enum_name);
+  } else target = msg.request_uri.text();
+  if (!target.empty()) {
+    SipUri uri(target);
+    String maddr = uri_param(uri, String("maddr"));
+    if (maddr.empty()) {
+      p->resolve_list.push_back(String("url ") + target);
+    } else {
+      String transport = uri_param(uri, String("transport")).to_lower();
+      if (transport.empty()) transport = String("udp");
+      int port = uri.port().is_int() ? uri.port().to_int() : transport == "tls" ? 5061 : 5060;
+      p->resolve_list.push_back(format("aaaa %s %s %d", transport, maddr, port));
+      p->resolve_list.push_back(format("a %s %s %d", transport, maddr, port));
+    }
+  }
   route_pending_packet(p);
 }
 

@@ -306,6 +306,50 @@ TEST_F(DnsRoutingTest, ManySrvTargetsHitTheIterationLimit) {
   EXPECT_EQ(local_responses[0].status, 404);
 }
 
+// Where a request goes before any DNS: preset routes, a maddr in the target, an ENUM name
+// for a number, and a CANCEL to the hop of its INVITE with the INVITE's branch.
+TEST_F(DnsRoutingTest, TargetsChosenBeforeDns) {
+  records[{dns_naptr, "7.6.5.4.9.4.e164.arpa"}] = "10 10 u E2U+sip !^.*$!sip:info@127.0.0.4:5064! .";
+  LogCapture log;
+  SipMessage preset(String("OPTIONS"), NameAddr(String("<sip:pbx@pbx.test>;tag=lt")), NameAddr(String("<sip:x@far.test>")),
+                    String("t-preset"), String());
+  preset.request_uri = String("sip:x@far.test");
+  preset.preset_routes = String("udp 127.0.0.5 5065\n");
+  send_packet(preset);
+  SipMessage maddr(String("OPTIONS"), NameAddr(String("<sip:pbx@pbx.test>;tag=lt")), NameAddr(String("<sip:x@far.test>")),
+                   String("t-maddr"), String());
+  maddr.request_uri = String("sip:x@far.test:5066;maddr=127.0.0.6;transport=TCP");
+  send_packet(maddr);
+  SipMessage number(String("OPTIONS"), NameAddr(String("<sip:pbx@pbx.test>;tag=lt")), NameAddr(String("<sip:+494567@far.test>")),
+                    String("t-enum"), String());
+  number.request_uri = String("sip:+494567@far.test;enum=true");
+  send_packet(number);
+  exchsrv_soap();
+  ASSERT_EQ(sent.size(), 3u);
+  EXPECT_EQ(sent[0].order.destination, Address(parse_adr(String("127.0.0.5")), 5065));
+  EXPECT_EQ(sent[1].order.destination, Address(parse_adr(String("127.0.0.6")), 5066));
+  EXPECT_EQ(sent[1].order.transport, String("tcp"));
+  EXPECT_EQ(sent[2].order.destination, Address(parse_adr(String("127.0.0.4")), 5064));
+  EXPECT_TRUE(log.contains("Converting phone +494567 into 7.6.5.4.9.4.e164.arpa"));
+
+  sent.clear();
+  SipMessage invite(String("INVITE"), NameAddr(String("<sip:pbx@pbx.test>;tag=ci")), NameAddr(String("<sip:x@127.0.0.7:5067>")),
+                    String("t-cancel"), String());
+  invite.request_uri = String("sip:x@127.0.0.7:5067");
+  send_packet(invite);
+  SipMessage cancel(String("CANCEL"), NameAddr(String("<sip:pbx@pbx.test>;tag=ci")), NameAddr(String("<sip:x@127.0.0.7:5067>")),
+                    String("t-cancel"), String());
+  cancel.request_uri = String("sip:x@other.test");  // not where the INVITE went
+  cancel.invite_related = true;
+  send_packet(cancel);
+  exchsrv_soap();
+  ASSERT_EQ(sent.size(), 2u);
+  EXPECT_EQ(sent[1].order.destination, sent[0].order.destination);
+  auto branch = [](const String& text) { return text.substr(text.find(String("branch=")), 50); };
+  EXPECT_EQ(branch(sent[1].text), branch(sent[0].text));
+  EXPECT_TRUE(sent[1].text.starts_with(String("CANCEL ")));
+}
+
 // More than max_udp_invite new INVITEs over UDP within a second are refused.
 TEST_F(RoutingTest, UdpInviteRateGuard) {
   routing_hooks.new_call = accept_call;
