@@ -224,6 +224,11 @@ void receive_packet(const ReceivedPacket& packet) {
 
 void travel_forward(SipMessage& m) {
   if (m.via.empty()) return;
+  if (m.transport == Transport::tls && routing_hooks.registered_on_connection &&
+      routing_hooks.registered_on_connection(m)) {
+    m.transport_authenticated = true;
+    log_sip(7, String("Packet authenticated by transport layer"));
+  }
   bool had_to_tag = !m.to.tag().empty();
   if (!had_to_tag) {
     if (m.method == method_register) {
@@ -278,7 +283,11 @@ void travel_forward(SipMessage& m) {
   if (m.method == method_notify) {
     reply(m, 404, "Not Available");
   } else if (m.method == method_message) {
-    reply(m, 403, "Authentication Required");
+    bool config = m.content_type.word(0, ';').trim().equals_nocase(String("x-pbx-config"));
+    if ((m.transport_authenticated || config) && routing_hooks.instant_message && routing_hooks.instant_message(m))
+      reply(m, 200, "Ok");
+    else
+      reply(m, 403, "Authentication Required");
   } else if (m.method == method_options) {
     bool registered = false;
     if (routing_hooks.source_registered) registered = routing_hooks.source_registered(m.source);

@@ -69,11 +69,11 @@ class RoutingTest : public ::testing::Test {
     tick_set_source(nullptr);
   }
 
-  void receive(const String& text, const char* source = "127.0.0.9", int port = 5062) {
+  void receive(const String& text, const char* source = "127.0.0.9", int port = 5062, const char* transport = "udp") {
     ReceivedPacket p;
-    p.socket_key = String("udp:5060");
+    p.socket_key = format("%s:5060", transport);
     p.text = text;
-    p.transport = String("udp");
+    p.transport = String(transport);
     p.source = Address(parse_adr(String(source)), port);
     p.local = Address(parse_adr(String("127.0.0.1")), 5060);
     receive_packet(p);
@@ -348,6 +348,44 @@ TEST_F(DnsRoutingTest, TargetsChosenBeforeDns) {
   auto branch = [](const String& text) { return text.substr(text.find(String("branch=")), 50); };
   EXPECT_EQ(branch(sent[1].text), branch(sent[0].text));
   EXPECT_TRUE(sent[1].text.starts_with(String("CANCEL ")));
+}
+
+namespace {
+std::vector<std::string> delivered;
+bool deliver(SipMessage& m) {
+  delivered.push_back(to_std(m.call_id));
+  return true;
+}
+bool registered_sender(const SipMessage& m) { return m.from.uri().user() == "1001"; }
+}  // namespace
+
+// A MESSAGE outside a dialog is delivered when the TLS connection it came on carries the
+// sender's registration, or when it is configuration for the system; else 403.
+TEST_F(RoutingTest, MessagesNeedAnAuthenticatedSender) {
+  delivered.clear();
+  routing_hooks.instant_message = deliver;
+  routing_hooks.registered_on_connection = registered_sender;
+  LogCapture log;
+  struct Case {
+    const char* transport;
+    const char* content_type;
+    const char* first_line;
+  } cases[] = {
+      {"tls", "text/plain", "SIP/2.0 200 Ok"},
+      {"udp", "text/plain", "SIP/2.0 403 Authentication Required"},
+      {"udp", "x-pbx-config; charset=utf-8", "SIP/2.0 200 Ok"},
+  };
+  int n = 0;
+  for (const Case& c : cases) {
+    sent.clear();
+    String text = request("MESSAGE", to_std(format("Content-Type: %s\r\n", c.content_type)).c_str());
+    text.replace_all(String("call-MESSAGE"), format("msg-%d", n++));
+    receive(text, "127.0.0.9", 5062, c.transport);
+    ASSERT_EQ(sent.size(), 1u) << c.transport;
+    EXPECT_TRUE(sent[0].text.starts_with(String(c.first_line))) << to_std(sent[0].text);
+  }
+  EXPECT_EQ(delivered, (std::vector<std::string>{"msg-0", "msg-2"}));
+  EXPECT_TRUE(log.contains("Packet authenticated by transport layer"));
 }
 
 // More than max_udp_invite new INVITEs over UDP within a second are refused.
