@@ -19,6 +19,8 @@
 namespace {
 
 std::multimap<String, PendingRef> pending;
+PendingPacket* oldest = nullptr;
+PendingPacket* newest = nullptr;
 struct DialogCSeq {
   uint32_t next;
   uint32_t last_invite;
@@ -119,22 +121,51 @@ void pending_packet_timeout(const CallbackObject& o) {
   erase_pending_packet(p, p->message.call_id);
 }
 
+void age_link(PendingPacket* p) {
+  p->older = newest;
+  p->newer = nullptr;
+  if (newest) newest->newer = p;
+  else oldest = p;
+  newest = p;
+}
+
+void age_unlink(PendingPacket* p) {
+  if (p->older) p->older->newer = p->newer;
+  else if (oldest == p) oldest = p->newer;
+  else return;  // not in the list
+  if (p->newer) p->newer->older = p->older;
+  else newest = p->older;
+  p->older = p->newer = nullptr;
+}
+
+// Removes `p` from the table and from the age list; it may die here.
+void unlink_pending(const PendingRef& p, const String& call_id) {
+  age_unlink(p.get());
+  auto range = pending.equal_range(call_id);
+  for (auto it = range.first; it != range.second; ++it) {
+    if (it->second == p) {
+      pending.erase(it);
+      break;
+    }
+  }
+}
+
 void link_pending_packet(const String& call_id, const PendingRef& p) {
   if (++link_count % 16 == 0) {
     log_sip(9, format("%d callids pending", static_cast<int>(pending.size())));
+    // Packets whose timers were lost would stay for ever; the age list is in order of
+    // creation, so only the expired ones at its head are looked at.
     Tick now = Tick::now();
-    for (auto it = pending.begin(); it != pending.end();) {
-      if (sec(now, it->second->created) > 600) {
-        log_sip(5, String("Found expired pending packet"));
-        it->second->retransmit_timer.clear();
-        it->second->life_timer.clear();
-        it = pending.erase(it);
-      } else {
-        ++it;
-      }
+    while (oldest && sec(now, oldest->created) > 600) {
+      PendingRef expired = oldest->shared_from_this();
+      log_sip(5, String("Found expired pending packet"));
+      expired->retransmit_timer.clear();
+      expired->life_timer.clear();
+      unlink_pending(expired, expired->message.call_id);
     }
   }
   pending.emplace(call_id, p);
+  age_link(p.get());
 }
 
 PendingRef make_pending(SipMessage&& m) {
@@ -463,13 +494,7 @@ void send_packet(SipMessage message) {
 }
 
 void erase_pending_packet(const PendingRef& p, const String& call_id) {
-  auto range = pending.equal_range(call_id);
-  for (auto it = range.first; it != range.second; ++it) {
-    if (it->second == p) {
-      pending.erase(it);
-      break;
-    }
-  }
+  unlink_pending(p, call_id);
   p->retransmit_timer.clear();
   p->life_timer.clear();
 }
@@ -481,7 +506,9 @@ void clear_pending_packets() {
     p->retransmit_timer.clear();
     p->life_timer.clear();
   }
+  for (auto& [id, p] : pending) p->older = p->newer = nullptr;
   pending.clear();
+  oldest = newest = nullptr;
   dialog_cseq.clear();
 }
 

@@ -12,7 +12,7 @@
 #include "core/timeout.h"
 #include "sip/sip_message.h"
 
-struct PendingPacket {
+struct PendingPacket : std::enable_shared_from_this<PendingPacket> {
   SipMessage first_message;
   TaggedText tagged;
   SipMessage message;
@@ -29,6 +29,10 @@ struct PendingPacket {
   int interval_units = 0;
   Tick created;
   bool superseded = false;
+  // Neighbours in the order of creation, so that the sweep of forgotten packets looks at
+  // the oldest ones only.
+  PendingPacket* older = nullptr;
+  PendingPacket* newer = nullptr;
 };
 using PendingRef = std::shared_ptr<PendingPacket>;
 

@@ -59,6 +59,8 @@ class RoutingTest : public ::testing::Test {
     clear_pending_packets();
     request_routing_register();
     register_control_handler(tag_sip_send, capture_send);
+    exchsrv_soap();  // what an earlier test left posted
+    sent.clear();
     sip_hooks.setting = setting;
     routing_hooks = RoutingHooks();
     routing_hooks.dialog_response = capture_response;
@@ -386,6 +388,31 @@ TEST_F(RoutingTest, MessagesNeedAnAuthenticatedSender) {
   }
   EXPECT_EQ(delivered, (std::vector<std::string>{"msg-0", "msg-2"}));
   EXPECT_TRUE(log.contains("Packet authenticated by transport layer"));
+}
+
+// Packets older than ten minutes are swept out when new ones are linked, oldest first,
+// whatever their own timers say; younger ones stay.
+TEST_F(RoutingTest, SweepRemovesOnlyTheExpired) {
+  auto options = [](int i, int timeout) {
+    SipMessage m(String("OPTIONS"), NameAddr(String("<sip:pbx@pbx.test>;tag=sw")), NameAddr(String("<sip:p@127.0.0.9>")),
+                 format("sweep-%d", i), String());
+    m.request_uri = String("sip:p@127.0.0.9:5099");
+    m.timeout = timeout;
+    send_packet(m);
+  };
+  for (int i = 0; i < 5; i++) options(i, 5000);  // lives far beyond the sweep
+  fake_now += 300 * 1000000000LL;
+  for (int i = 5; i < 8; i++) options(i, 5000);
+  fake_now += 301 * 1000000000LL;
+  LogCapture log;
+  for (int i = 8; i < 40; i++) options(i, 5000);
+  int swept = 0;
+  for (const std::string& l : log.lines()) swept += l.find("Found expired pending packet") != std::string::npos;
+  EXPECT_EQ(swept, 5);
+  EXPECT_EQ(pending_packet_count(), 35);
+  fake_now += 300 * 1000000000LL;
+  for (int i = 40; i < 56; i++) options(i, 5000);
+  EXPECT_EQ(pending_packet_count(), 48);  // the three of the second batch went too
 }
 
 // More than max_udp_invite new INVITEs over UDP within a second are refused.
