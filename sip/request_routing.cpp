@@ -171,6 +171,49 @@ void via_fix_received(SipMessage& m, const Address& source) {
   via = protocol + " " + sent_by + rebuilt;
 }
 
+namespace {
+
+// The packet trace is switched per class of traffic, so that the registrations of a
+// thousand phones don't drown the one call being looked at; a watched address is always
+// traced.
+const char* packet_class_setting(const SipMessage& m) {
+  const String& method = m.is_request ? m.method : m.cseq_method;
+  if (method == method_register) return "log_sip_register";
+  if (method == method_subscribe || method == method_notify) return "log_sip_subnot";
+  if (method == method_invite || method == method_cancel || m.port_index >= 0) return "log_sip_dialog";
+  return "log_sip_other";
+}
+
+bool watched(const Address& source) {
+  static String parsed_value;
+  static std::vector<String> addresses;
+  String value = sip_setting(String("log_sip_watchlist"));
+  if (value.empty()) return false;
+  if (value != parsed_value) {
+    parsed_value = value;
+    addresses.clear();
+    String words = value;
+    words.replace_all(String(","), String(" "));
+    for (const String& w : words.split(' '))
+      if (!w.trim().empty()) addresses.push_back(w.trim());
+  }
+  String adr = adr_text(source.adr);
+  for (const String& a : addresses)
+    if (a == adr) return true;
+  return false;
+}
+
+void log_received_packet(const SipMessage& m, const String& transport, const ReceivedPacket& packet) {
+  bool watch = watched(packet.source);
+  int level = log_level_value(sip_setting(String(packet_class_setting(m))));
+  if (!watch && level <= 0 && !log_enabled(LOG_SIP, 9)) return;
+  if (!log_enabled(LOG_WATCH, 0)) return;  // the log isn't on
+  String title = format("SIP Rx %s:", transport_address_text(transport, packet.source));
+  log_add_message_global(watch ? LOG_WATCH : LOG_SIP, watch || level <= 0 ? 9 : level, 0, title, packet.text);
+}
+
+}  // namespace
+
 void receive_packet(const ReceivedPacket& packet) {
   if (packet.text.length() < 5) {
     if (packet.text.empty()) {
@@ -191,9 +234,7 @@ void receive_packet(const ReceivedPacket& packet) {
   m.connection_id = packet.connection_id;
   m.transport = transport == "tcp" ? Transport::tcp : transport == "tls" ? Transport::tls : Transport::udp;
   m.transport_authenticated = m.web_client = packet.transport == "ws";
-  if (log_enabled(LOG_SIP, 9))
-    log_add_message_global(LOG_SIP, 9, 0, format("SIP Rx %s:", transport_address_text(transport, packet.source)),
-                           packet.text);
+  log_received_packet(m, transport, packet);
   if (m.is_request) {
     String agent = m.header(String("User-Agent")).word(0, ' ').word(0, '/');
     if (!agent.empty()) {

@@ -5,6 +5,7 @@
 #include <map>
 #include <vector>
 
+#include "core/log.h"
 #include "core/posting.h"
 #include "core/tick.h"
 #include "core/timeout.h"
@@ -42,7 +43,11 @@ bool capture_response(SipMessage& r) {
   return true;
 }
 
+std::map<std::string, std::string> extra_settings;
+
 String setting(const String& name) {
+  auto found = extra_settings.find(to_std(name));
+  if (found != extra_settings.end()) return String(found->second.c_str());
   if (name == "out_of_dialog_options") return String("true");
   if (name == "max_udp_invite") return String("2");
   return String();
@@ -62,6 +67,7 @@ class RoutingTest : public ::testing::Test {
     exchsrv_soap();  // what an earlier test left posted
     sent.clear();
     sip_hooks.setting = setting;
+    extra_settings.clear();
     routing_hooks = RoutingHooks();
     routing_hooks.dialog_response = capture_response;
   }
@@ -413,6 +419,28 @@ TEST_F(RoutingTest, SweepRemovesOnlyTheExpired) {
   fake_now += 300 * 1000000000LL;
   for (int i = 40; i < 56; i++) options(i, 5000);
   EXPECT_EQ(pending_packet_count(), 48);  // the three of the second batch went too
+}
+
+namespace {
+std::vector<std::pair<int, int>> traced;  // category and level of each "SIP Rx"
+void observe(int category, int level, const String& message) {
+  if (message.starts_with(String("SIP Rx "))) traced.push_back({category, level});
+}
+}  // namespace
+
+// The packet trace follows the setting of the packet's class, and a watched address is
+// traced whatever the levels say.
+TEST_F(RoutingTest, PacketTraceByClassAndWatchlist) {
+  LogCapture quiet;  // saves and restores the levels
+  for (int& l : log_levels) l = 0;
+  log_set_observer(observe);
+  traced.clear();
+  extra_settings["log_sip_register"] = "true";
+  extra_settings["log_sip_watchlist"] = "127.0.0.8, 10.1.1.1";
+  receive(request("REGISTER", "Contact: *\r\n"));
+  receive(request("OPTIONS"));
+  receive(request("PING"), "127.0.0.8");
+  EXPECT_EQ(traced, (std::vector<std::pair<int, int>>{{LOG_SIP, 5}, {LOG_WATCH, 9}}));
 }
 
 // More than max_udp_invite new INVITEs over UDP within a second are refused.
