@@ -10,6 +10,7 @@
 #include "core/tick.h"
 #include "security/md5.h"
 #include "sip/branch.h"
+#include "sip/domain_names.h"
 #include "sip/sip_hooks.h"
 #include "sip/sip_params.h"
 #include "sip/transaction.h"
@@ -201,6 +202,13 @@ bool watched(const Address& source) {
   return false;
 }
 
+// A request from a stranger must be for one of our domains or for something we know,
+// so that scanners that try random domain names get nothing.
+bool has_home(const SipMessage& m) {
+  if (domain_name_known(String("localhost")) || domain_name_known(m.request_uri.host())) return true;
+  return routing_hooks.call_id_known && routing_hooks.call_id_known(m.call_id);
+}
+
 void log_received_packet(const SipMessage& m, const String& transport, const ReceivedPacket& packet) {
   bool watch = watched(packet.source);
   int level = log_level_value(sip_setting(String(packet_class_setting(m))));
@@ -240,6 +248,11 @@ void receive_packet(const ReceivedPacket& packet) {
           return;
         }
       }
+    }
+    if (!packet.whitelisted && sip_setting(String("ignore_wrong_domain")) == "true" && !has_home(m)) {
+      log_sip(5, format("Traffic from %s ignored because domain %s was not found", address_text(packet.source),
+                        m.request_uri.host()));
+      return;
     }
     if (keep_alive_request(m)) {
       via_fix_received(m, packet.source);

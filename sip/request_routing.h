@@ -24,6 +24,9 @@ struct RoutingHooks {
   // A MESSAGE outside a dialog that may be delivered (authenticated, or configuration
   // for the system itself): true if the messaging side took it.
   bool (*instant_message)(SipMessage& request) = nullptr;
+  // Whether a registration or a call port has this Call-ID (a request then has a home
+  // here whatever its domain says).
+  bool (*call_id_known)(const String& call_id) = nullptr;
   // The connection on `key` has closed.
   void (*connection_closed)(const String& key, const Address& source) = nullptr;
 };

@@ -67,8 +67,10 @@ void sip_tcp_input(TcpConnection& c, const String& bytes, Tick) {
       break;
     }
     c.input = c.input.tail(taken);
-    ctrl_post_sip_rx(format("%s:%d", transport, c.number), message, peer, c.socket.local(), transport, String(c.number));
-    if (acl_check(peer.adr, 2) == 0) {
+    int access = acl_check(peer.adr, 2);
+    ctrl_post_sip_rx(format("%s:%d", transport, c.number), message, peer, c.socket.local(), transport, String(c.number),
+                     access > 0);
+    if (access == 0) {
       int points = sip_penalty_points(message);
       if (points) acl_penalty(peer.adr, 2, points, "sip");
     }

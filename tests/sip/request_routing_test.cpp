@@ -10,10 +10,13 @@
 #include "core/tick.h"
 #include "core/timeout.h"
 #include "sip/dns_message.h"
+#include "sip/domain_names.h"
 #include "sip/message_text.h"
 #include "sip/sip_hooks.h"
 #include "sip/sip_send.h"
 #include "sip/transaction.h"
+#include "store/names.h"
+#include "store/schema.h"
 #include "tests/support/test_support.h"
 
 namespace {
@@ -77,8 +80,10 @@ class RoutingTest : public ::testing::Test {
     tick_set_source(nullptr);
   }
 
-  void receive(const String& text, const char* source = "127.0.0.9", int port = 5062, const char* transport = "udp") {
+  void receive(const String& text, const char* source = "127.0.0.9", int port = 5062, const char* transport = "udp",
+               bool whitelisted = false) {
     ReceivedPacket p;
+    p.whitelisted = whitelisted;
     p.socket_key = format("%s:5060", transport);
     p.text = text;
     p.transport = String(transport);
@@ -441,6 +446,40 @@ TEST_F(RoutingTest, PacketTraceByClassAndWatchlist) {
   receive(request("OPTIONS"));
   receive(request("PING"), "127.0.0.8");
   EXPECT_EQ(traced, (std::vector<std::pair<int, int>>{{LOG_SIP, 5}, {LOG_WATCH, 9}}));
+}
+
+namespace {
+bool known_call(const String& call_id) { return call_id == "call-BYE"; }
+}  // namespace
+
+// With ignore_wrong_domain, a stranger's request needs one of our domains (or aliases)
+// or a Call-ID we know; a whitelisted source needs nothing.
+TEST_F(RoutingTest, StrangersNeedAKnownDomain) {
+  create_tables();
+  Table* aliases = find_table(tbl_domain_alias);
+  ASSERT_NE(aliases, nullptr);
+  bool persist = aliases->persist();
+  aliases->set_persist(false);
+  extra_settings["ignore_wrong_domain"] = "true";
+  routing_hooks.call_id_known = known_call;
+  LogCapture log;
+  publish_domain_names();
+  receive(request("OPTIONS"));
+  EXPECT_TRUE(sent.empty());
+  EXPECT_TRUE(log.contains("Traffic from 127.0.0.9:5062 ignored because domain pbx.test was not found"));
+  receive(request("OPTIONS"), "127.0.0.9", 5062, "udp", true);
+  receive(request("BYE"));
+  EXPECT_EQ(sent.size(), 2u);
+  int row = aliases->create_row();
+  aliases->set(row, col_name, String("PBX.Test"));
+  publish_domain_names();
+  sent.clear();
+  clear_pending_packets();
+  receive(request("OPTIONS"));
+  EXPECT_EQ(sent.size(), 1u);
+  aliases->delete_row(row, false);
+  publish_domain_names();
+  aliases->set_persist(persist);
 }
 
 // More than max_udp_invite new INVITEs over UDP within a second are refused.
