@@ -15,6 +15,7 @@
 #include "sip/sip_hooks.h"
 #include "sip/sip_params.h"
 #include "sip/sip_send.h"
+#include "sip/sip_tcp.h"
 
 namespace {
 
@@ -345,6 +346,11 @@ void send_response(SipMessage&& m) {
   if (m.via.empty()) {
     log_sip(3, format("Via is empty for %s, cannot send reply to %s", m.call_id, m.received));
     return;
+  }
+  if (m.cseq_method == method_invite && m.status >= 180 && m.status < 300) {
+    // A ringing or answered call must not lose its connection to the idle limit.
+    String kind = m.socket_key.word(0, ':');
+    if (kind == "tcp" || kind == "tls") post_idle_limit(m.socket_key, sip_setting(String("max_call_duration")).to_int());
   }
   ViaParts via = read_via(m.via[0]);
   String word = via.protocol.to_lower();

@@ -14,6 +14,7 @@
 #include "sip/message_text.h"
 #include "sip/sip_hooks.h"
 #include "sip/sip_send.h"
+#include "sip/sip_tcp.h"
 #include "sip/transaction.h"
 #include "store/names.h"
 #include "store/schema.h"
@@ -480,6 +481,32 @@ TEST_F(RoutingTest, StrangersNeedAKnownDomain) {
   aliases->delete_row(row, false);
   publish_domain_names();
   aliases->set_persist(persist);
+}
+
+namespace {
+std::vector<std::string> idle_limits;
+void capture_idle_limit(const String& value) {
+  TaggedText t(value);
+  idle_limits.push_back(to_std(t.find(tag_socket_key)) + " " + to_std(t.find(tag_seconds)));
+}
+}  // namespace
+
+// Ringing and answering a call over a connection lift its idle limit to the longest call.
+TEST_F(RoutingTest, CallAnswersKeepTheConnectionOpen) {
+  idle_limits.clear();
+  register_control_handler(tag_idle_limit, capture_idle_limit);
+  extra_settings["max_call_duration"] = "7200";
+  SipMessage invite(request("INVITE", "Contact: <sip:a@10.0.0.5>\r\n"));
+  invite.socket_key = String("tls:12");
+  SipMessage ringing(180, String("Ringing"), invite);
+  send_packet(ringing);
+  SipMessage trying(100, String("Trying"), invite);
+  send_packet(trying);
+  invite.socket_key = String("udp:5060");
+  SipMessage over_udp(200, String("Ok"), invite);
+  send_packet(over_udp);
+  exchsrv_soap();
+  EXPECT_EQ(idle_limits, std::vector<std::string>{"tls:12 7200"});
 }
 
 // More than max_udp_invite new INVITEs over UDP within a second are refused.
