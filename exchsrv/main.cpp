@@ -15,6 +15,7 @@
 #include "core/tick.h"
 #include "core/udp_socket.h"
 #include "sip/access_control.h"
+#include "sip/domain_names.h"
 #include "sip/dns_resolver.h"
 #include "sip/interfaces.h"
 #include "sip/listening_ports.h"
@@ -99,6 +100,7 @@ static void register_subsystems() {
   register_control_party(ntp_party());
   register_start_step(StartStage::services, init_ip);
   acl_register();
+  domain_names_register();
   register_start_step(StartStage::after_store, [] { (void)acl_load_accesslist(); });
   dns_register();
   set_local_address_lookup(get_ip_adr);

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds, and runs the whole test suite: the default build,
-# the unit tests under address+undefined sanitizers, the concurrency tests under the
-# thread sanitizer, and a short bounded run of every fuzz target.
+# the unit tests under address+undefined sanitizers, the concurrency tests and the running
+# daemon under the thread sanitizer, and a short bounded run of every fuzz target.
 set -euo pipefail
 top=$(cd "$(dirname "$0")/.." && pwd)
 "$top/scripts/deps.sh" test
@@ -18,6 +18,13 @@ echo "== address and undefined sanitizers"
 echo "== thread sanitizer"
 "$top/scripts/build.sh" tsan >/dev/null
 (cd "$top/build-tsan" && ctest --output-on-failure -j "$jobs" -L unit -R Threads --timeout 900)
+# The daemon itself under the sanitizer, while SIP peers drive both of its halves; a
+# report from any process fails the stage.
+races=$(mktemp -d)
+(cd "$top/build-tsan" && TSAN_OPTIONS="log_path=$races/race" ctest --output-on-failure -j 1 -L e2e \
+  -R "SipAnswers|SipDaemonTest|RefreshesStayInTheServiceHalf|SubscriptionWith" --timeout 900)
+if ls "$races"/race* >/dev/null 2>&1; then cat "$races"/race*; echo "data races in the daemon"; exit 1; fi
+rm -rf "$races"
 
 echo "== fuzz targets (short runs)"
 "$top/scripts/build.sh" fuzz >/dev/null

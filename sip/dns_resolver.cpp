@@ -486,15 +486,9 @@ std::vector<String> dns_sort_lines(const String& text, bool weights) {
 
 namespace {
 
-bool sip_lookup(const String& name, bool ipv6, String& adr) {
-  String out;
-  if (!cache_lookup(name, ipv6 ? dns_aaaa : dns_a, out, false)) return false;
-  adr = parse_adr(out);
-  return true;
-}
+bool sip_lookup(const String& name, int type, String& text) { return cache_lookup(name, type, text, true); }
 
-void sip_request(const String& name, bool ipv6, void (*retry)(const CallbackObject&), const CallbackObject& pending) {
-  int type = ipv6 ? dns_aaaa : dns_a;
+void sip_request(const String& name, int type, void (*retry)(const CallbackObject&), const CallbackObject& pending) {
   if (request_dns(name, type, callback_argument(retry, pending))) return;
   add_cache(name.empty() ? String("-") : name, String(), negative_ttl, type, true);
   retry(pending);

@@ -2,7 +2,6 @@
 
 #include <vector>
 
-#include "core/access_hooks.h"
 #include "core/format.h"
 #include "core/log.h"
 #include "core/mutex.h"
@@ -11,6 +10,7 @@
 #include "core/tick.h"
 #include "security/md5.h"
 #include "sip/branch.h"
+#include "sip/domain_names.h"
 #include "sip/sip_hooks.h"
 #include "sip/sip_params.h"
 #include "sip/transaction.h"
@@ -67,7 +67,6 @@ const std::vector<String>& blacklisted_agents() {
   return blacklist_words;
 }
 
-int access_class_of(const String& transport) { return transport == "udp" ? 1 : 2; }
 
 // The arrival times of recent INVITEs over UDP, for the rate guard.
 int64_t invite_times[256];
@@ -171,6 +170,56 @@ void via_fix_received(SipMessage& m, const Address& source) {
   via = protocol + " " + sent_by + rebuilt;
 }
 
+namespace {
+
+// The packet trace is switched per class of traffic, so that the registrations of a
+// thousand phones don't drown the one call being looked at; a watched address is always
+// traced.
+const char* packet_class_setting(const SipMessage& m) {
+  const String& method = m.is_request ? m.method : m.cseq_method;
+  if (method == method_register) return "log_sip_register";
+  if (method == method_subscribe || method == method_notify) return "log_sip_subnot";
+  if (method == method_invite || method == method_cancel || m.port_index >= 0) return "log_sip_dialog";
+  return "log_sip_other";
+}
+
+bool watched(const Address& source) {
+  static String parsed_value;
+  static std::vector<String> addresses;
+  String value = sip_setting(String("log_sip_watchlist"));
+  if (value.empty()) return false;
+  if (value != parsed_value) {
+    parsed_value = value;
+    addresses.clear();
+    String words = value;
+    words.replace_all(String(","), String(" "));
+    for (const String& w : words.split(' '))
+      if (!w.trim().empty()) addresses.push_back(w.trim());
+  }
+  String adr = adr_text(source.adr);
+  for (const String& a : addresses)
+    if (a == adr) return true;
+  return false;
+}
+
+// A request from a stranger must be for one of our domains or for something we know,
+// so that scanners that try random domain names get nothing.
+bool has_home(const SipMessage& m) {
+  if (domain_name_known(String("localhost")) || domain_name_known(m.request_uri.host())) return true;
+  return routing_hooks.call_id_known && routing_hooks.call_id_known(m.call_id);
+}
+
+void log_received_packet(const SipMessage& m, const String& transport, const ReceivedPacket& packet) {
+  bool watch = watched(packet.source);
+  int level = log_level_value(sip_setting(String(packet_class_setting(m))));
+  if (!watch && level <= 0 && !log_enabled(LOG_SIP, 9)) return;
+  if (!log_enabled(LOG_WATCH, 0)) return;  // the log isn't on
+  String title = format("SIP Rx %s:", transport_address_text(transport, packet.source));
+  log_add_message_global(watch ? LOG_WATCH : LOG_SIP, watch || level <= 0 ? 9 : level, 0, title, packet.text);
+}
+
+}  // namespace
+
 void receive_packet(const ReceivedPacket& packet) {
   if (packet.text.length() < 5) {
     if (packet.text.empty()) {
@@ -179,11 +228,9 @@ void receive_packet(const ReceivedPacket& packet) {
     }
     return;
   }
+  // The access lists belong to the control half, which checked this source just before it
+  // posted the packet; reading them from here would race with its changes.
   String transport = packet.transport == "ws" ? String("tls") : packet.transport;
-  if (acl_check(packet.source.adr, access_class_of(transport)) < 0) {
-    log_sip(9, format("Traffic from %s ignored", address_text(packet.source)));
-    return;
-  }
   SipMessage m(packet.text);
   m.socket_key = packet.socket_key;
   m.source = packet.source;
@@ -191,9 +238,7 @@ void receive_packet(const ReceivedPacket& packet) {
   m.connection_id = packet.connection_id;
   m.transport = transport == "tcp" ? Transport::tcp : transport == "tls" ? Transport::tls : Transport::udp;
   m.transport_authenticated = m.web_client = packet.transport == "ws";
-  if (log_enabled(LOG_SIP, 9))
-    log_add_message_global(LOG_SIP, 9, 0, format("SIP Rx %s:", transport_address_text(transport, packet.source)),
-                           packet.text);
+  log_received_packet(m, transport, packet);
   if (m.is_request) {
     String agent = m.header(String("User-Agent")).word(0, ' ').word(0, '/');
     if (!agent.empty()) {
@@ -203,6 +248,11 @@ void receive_packet(const ReceivedPacket& packet) {
           return;
         }
       }
+    }
+    if (!packet.whitelisted && sip_setting(String("ignore_wrong_domain")) == "true" && !has_home(m)) {
+      log_sip(5, format("Traffic from %s ignored because domain %s was not found", address_text(packet.source),
+                        m.request_uri.host()));
+      return;
     }
     if (keep_alive_request(m)) {
       via_fix_received(m, packet.source);
@@ -224,6 +274,11 @@ void receive_packet(const ReceivedPacket& packet) {
 
 void travel_forward(SipMessage& m) {
   if (m.via.empty()) return;
+  if (m.transport == Transport::tls && routing_hooks.registered_on_connection &&
+      routing_hooks.registered_on_connection(m)) {
+    m.transport_authenticated = true;
+    log_sip(7, String("Packet authenticated by transport layer"));
+  }
   bool had_to_tag = !m.to.tag().empty();
   if (!had_to_tag) {
     if (m.method == method_register) {
@@ -278,7 +333,11 @@ void travel_forward(SipMessage& m) {
   if (m.method == method_notify) {
     reply(m, 404, "Not Available");
   } else if (m.method == method_message) {
-    reply(m, 403, "Authentication Required");
+    bool config = m.content_type.word(0, ';').trim().equals_nocase(String("x-pbx-config"));
+    if ((m.transport_authenticated || config) && routing_hooks.instant_message && routing_hooks.instant_message(m))
+      reply(m, 200, "Ok");
+    else
+      reply(m, 403, "Authentication Required");
   } else if (m.method == method_options) {
     bool registered = false;
     if (routing_hooks.source_registered) registered = routing_hooks.source_registered(m.source);

@@ -18,6 +18,15 @@ struct RoutingHooks {
   bool (*trunk_response)(SipMessage& response) = nullptr;
   // Whether the source is registered (an out-of-dialog OPTIONS is then answered).
   bool (*source_registered)(const Address& source) = nullptr;
+  // A request over TLS whose connection carries a live registration of its sender (the
+  // From, or the P-Preferred-Identity when there is one): the registration vouches for it.
+  bool (*registered_on_connection)(const SipMessage& request) = nullptr;
+  // A MESSAGE outside a dialog that may be delivered (authenticated, or configuration
+  // for the system itself): true if the messaging side took it.
+  bool (*instant_message)(SipMessage& request) = nullptr;
+  // Whether a registration or a call port has this Call-ID (a request then has a home
+  // here whatever its domain says).
+  bool (*call_id_known)(const String& call_id) = nullptr;
   // The connection on `key` has closed.
   void (*connection_closed)(const String& key, const Address& source) = nullptr;
 };

@@ -88,7 +88,8 @@ int sip_frame(const String& text, bool strict, String& message) {
 }
 
 void ctrl_post_sip_rx(const String& socket_key, const String& text, const Address& source,
-                      const Address& local, const String& transport, const String& connection_id) {
+                      const Address& local, const String& transport, const String& connection_id,
+                      bool whitelisted) {
   TaggedText inner;
   (void)inner.add(tag_socket_key, socket_key);
   (void)inner.add(tag_text, text);
@@ -96,6 +97,7 @@ void ctrl_post_sip_rx(const String& socket_key, const String& text, const Addres
   (void)inner.add(tag_local, address_record(local));
   (void)inner.add(tag_transport, transport);
   if (!connection_id.empty()) (void)inner.add(tag_connection_id, connection_id);
+  if (whitelisted) (void)inner.add(tag_whitelist, String("true"));
   TaggedText outer;
   if (outer.add(tag_sip_received, inner)) pbxsrv_post(outer.text());
 }
@@ -112,6 +114,7 @@ bool read_received_packet(const String& value, ReceivedPacket& out) {
       case tag_local: out.local = read_address_record(v); break;
       case tag_transport: out.transport = v; break;
       case tag_connection_id: out.connection_id = v; break;
+      case tag_whitelist: out.whitelisted = v == "true"; break;
       default: break;
     }
   }
@@ -144,7 +147,8 @@ void sip_udp_datagram(UdpSocket& socket, const String& text, const Address& from
       log_add_message_global(LOG_SIP, 8, 0, format("Illegal pdu(%s=%d): %s", address_text(from), text.length(), hex(text.head(100))));
     return;
   }
-  ctrl_post_sip_rx(format("udp:%d", socket.port), message, from, socket.local_for(from.adr), String("udp"), String());
+  ctrl_post_sip_rx(format("udp:%d", socket.port), message, from, socket.local_for(from.adr), String("udp"), String(),
+                   access > 0);
   if (access == 0) {
     int points = sip_penalty_points(message);
     if (points) acl_penalty(from.adr, 1, points, "sip");

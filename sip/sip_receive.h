@@ -33,13 +33,16 @@ enum SipPostTag {
 // With `strict`, a missing Content-Length counts as 0, else the rest is the body.
 int sip_frame(const String& text, bool strict, String& message);
 
-// Posts a received message to the service half.
+// Posts a received message to the service half. `whitelisted` is what the access
+// control said of the source, since the service half can't ask it.
 void ctrl_post_sip_rx(const String& socket_key, const String& text, const Address& source,
-                      const Address& local, const String& transport, const String& connection_id);
+                      const Address& local, const String& transport, const String& connection_id,
+                      bool whitelisted = false);
 // The fields of a posted received packet, as the service half reads them.
 struct ReceivedPacket {
   String socket_key, text, transport, connection_id;
   Address source, local;
+  bool whitelisted = false;
 };
 bool read_received_packet(const String& value, ReceivedPacket& out);
 

@@ -19,7 +19,8 @@ void on_idle_limit(const String& value) {
   TaggedText t(value);
   String key = t.find(tag_socket_key);
   int seconds = t.find(tag_seconds).to_int();
-  if (!key.starts_with(String("tcp:")) || seconds <= 0) return;
+  bool connection = key.starts_with(String("tcp:")) || key.starts_with(String("tls:"));
+  if (!connection || seconds <= 0) return;
   TcpConnection* c = tcp_connection(key.tail(4).to_int());
   if (c) tcp_keep_alive(*c, seconds);
 }
@@ -67,8 +68,10 @@ void sip_tcp_input(TcpConnection& c, const String& bytes, Tick) {
       break;
     }
     c.input = c.input.tail(taken);
-    ctrl_post_sip_rx(format("%s:%d", transport, c.number), message, peer, c.socket.local(), transport, String(c.number));
-    if (acl_check(peer.adr, 2) == 0) {
+    int access = acl_check(peer.adr, 2);
+    ctrl_post_sip_rx(format("%s:%d", transport, c.number), message, peer, c.socket.local(), transport, String(c.number),
+                     access > 0);
+    if (access == 0) {
       int points = sip_penalty_points(message);
       if (points) acl_penalty(peer.adr, 2, points, "sip");
     }
@@ -77,6 +80,14 @@ void sip_tcp_input(TcpConnection& c, const String& bytes, Tick) {
 
 void bind_sip_tcp_ports() {
   apply_tcp_listeners(ListenerKind::sip, false, core_setting("ip_sip_tcp_port"), 80);
+}
+
+void post_idle_limit(const String& socket_key, int seconds) {
+  TaggedText inner;
+  (void)inner.add(tag_socket_key, socket_key);
+  (void)inner.add(tag_seconds, seconds);
+  TaggedText outer;
+  if (outer.add(tag_idle_limit, inner)) out_post(outer.text());
 }
 
 void sip_tcp_register() {

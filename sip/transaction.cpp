@@ -1,5 +1,6 @@
 #include "sip/transaction.h"
 
+#include <algorithm>
 #include <map>
 #include <vector>
 
@@ -9,13 +10,18 @@
 #include "core/mutex.h"
 #include "core/random.h"
 #include "sip/branch.h"
+#include "sip/dns_lines.h"
+#include "sip/dns_message.h"
 #include "sip/sip_hooks.h"
 #include "sip/sip_params.h"
 #include "sip/sip_send.h"
+#include "sip/sip_tcp.h"
 
 namespace {
 
 std::multimap<String, PendingRef> pending;
+PendingPacket* oldest = nullptr;
+PendingPacket* newest = nullptr;
 struct DialogCSeq {
   uint32_t next;
   uint32_t last_invite;
@@ -116,22 +122,51 @@ void pending_packet_timeout(const CallbackObject& o) {
   erase_pending_packet(p, p->message.call_id);
 }
 
+void age_link(PendingPacket* p) {
+  p->older = newest;
+  p->newer = nullptr;
+  if (newest) newest->newer = p;
+  else oldest = p;
+  newest = p;
+}
+
+void age_unlink(PendingPacket* p) {
+  if (p->older) p->older->newer = p->newer;
+  else if (oldest == p) oldest = p->newer;
+  else return;  // not in the list
+  if (p->newer) p->newer->older = p->older;
+  else newest = p->older;
+  p->older = p->newer = nullptr;
+}
+
+// Removes `p` from the table and from the age list; it may die here.
+void unlink_pending(const PendingRef& p, const String& call_id) {
+  age_unlink(p.get());
+  auto range = pending.equal_range(call_id);
+  for (auto it = range.first; it != range.second; ++it) {
+    if (it->second == p) {
+      pending.erase(it);
+      break;
+    }
+  }
+}
+
 void link_pending_packet(const String& call_id, const PendingRef& p) {
   if (++link_count % 16 == 0) {
     log_sip(9, format("%d callids pending", static_cast<int>(pending.size())));
+    // Packets whose timers were lost would stay for ever; the age list is in order of
+    // creation, so only the expired ones at its head are looked at.
     Tick now = Tick::now();
-    for (auto it = pending.begin(); it != pending.end();) {
-      if (sec(now, it->second->created) > 600) {
-        log_sip(5, String("Found expired pending packet"));
-        it->second->retransmit_timer.clear();
-        it->second->life_timer.clear();
-        it = pending.erase(it);
-      } else {
-        ++it;
-      }
+    while (oldest && sec(now, oldest->created) > 600) {
+      PendingRef expired = oldest->shared_from_this();
+      log_sip(5, String("Found expired pending packet"));
+      expired->retransmit_timer.clear();
+      expired->life_timer.clear();
+      unlink_pending(expired, expired->message.call_id);
     }
   }
   pending.emplace(call_id, p);
+  age_link(p.get());
 }
 
 PendingRef make_pending(SipMessage&& m) {
@@ -158,15 +193,84 @@ void expand_url(const PendingRef& p, const String& uri_text) {
   std::vector<String> lines;
   if (is_literal(host)) {
     lines.push_back(format("%s %s %d", word, host, port.empty() ? (tls ? 5061 : 5060) : port.to_int()));
+  } else if (!port.empty()) {
+    if (startup_options.use_ipv6) lines.push_back(format("aaaa %s %s %s", word, host, port));
+    if (startup_options.use_ipv4) lines.push_back(format("a %s %s %s", word, host, port));
   } else {
-    String p_text = port.empty() ? String(tls ? "5061" : "5060") : port;
-    if (startup_options.use_ipv6) lines.push_back(format("aaaa %s %s %s", word, host, p_text));
-    if (startup_options.use_ipv4) lines.push_back(format("a %s %s %s", word, host, p_text));
+    // No port: the domain's NAPTR and SRV records say where its SIP service is.
+    String wanted = tls ? String("tls") : transport == "tcp" || transport == "udp" ? transport : String();
+    lines.push_back(wanted.empty() ? format("naptr %s", host) : format("naptr %s %s", host, wanted));
   }
   for (auto it = lines.rbegin(); it != lines.rend(); ++it) p->resolve_list.push_front(*it);
 }
 
 void retry_route(const CallbackObject& o) { route_pending_packet(ref_of(o)); }
+
+// The record text of a DNS name, or false after asking: the line stays in the list and the
+// answer's callback routes the packet again.
+bool dns_text(const PendingRef& p, const String& name, int type, String& text) {
+  if (!resolver.lookup) return true;  // no DNS at all: as good as no record
+  if (resolver.lookup(name, type, text)) return true;
+  if (resolver.request) resolver.request(name, type, retry_route, CallbackObject(p));
+  return false;
+}
+
+void push_lines_front(const PendingRef& p, const std::vector<String>& lines) {
+  for (auto it = lines.rbegin(); it != lines.rend(); ++it) p->resolve_list.push_front(*it);
+}
+
+// What ENUM expressions are applied to: the user and host of the request's URI.
+String enum_subject(const PendingRef& p) {
+  const SipUri& uri = p->message.request_uri;
+  return uri.user().empty() ? uri.host() : format("%s@%s", uri.user(), uri.host());
+}
+
+// One step of the NAPTR, SRV or address look-up of the line in front; false when the
+// packet waits for DNS.
+bool resolve_line(const PendingRef& p, const String& verb, const String& line) {
+  if (verb == "naptr" || verb == "enum") {
+    bool is_enum = verb == "enum";
+    String host = line.word(1, ' '), wanted = is_enum ? String() : line.word(2, ' ');
+    String records;
+    if (!dns_text(p, host, dns_naptr, records)) return false;
+    p->resolve_list.pop_front();
+    if (!records.empty()) push_lines_front(p, naptr_lines(records, wanted, is_enum, enum_subject(p)));
+    else if (!is_enum) push_lines_front(p, naptr_fallback_lines(host, wanted, 0));
+    return true;
+  }
+  if (verb == "srv") {
+    String transport = line.word(1, ' '), name = line.word(2, ' ');
+    String records;
+    if (!dns_text(p, name, dns_srv, records)) return false;
+    p->resolve_list.pop_front();
+    int names = 0;
+    std::vector<String> lines = srv_lines(records, transport, startup_options.use_ipv4, startup_options.use_ipv6, names);
+    // Every target name costs up to four more lines (its look-ups and the send).
+    if (p->message.method != method_discover)
+      for (int i = 0; i < names && p->max_iterations < 100; i++) p->max_iterations += 4;
+    push_lines_front(p, lines);
+    return true;
+  }
+  // "a" and "aaaa": transport, host, port.
+  String word = line.word(1, ' '), host = line.word(2, ' '), port = line.word(3, ' ');
+  if (port.empty()) port = String("5060");
+  if (host.starts_with(String("[")) && host.ends_with(String("]"))) host = host.substr(1, host.length() - 2);
+  String adr = parse_adr(host);
+  bool v6 = verb == "aaaa";
+  if (!adr.empty() && (adr.length() == 16) != v6) {
+    p->resolve_list.pop_front();
+    return true;
+  }
+  if (adr.empty()) {
+    String text;
+    if (!dns_text(p, host, v6 ? dns_aaaa : dns_a, text)) return false;
+    adr = parse_adr(text.word(0, '\n').word(0, ' '));
+    if (!adr.empty() && (adr.length() == 16) != v6) adr = String();
+  }
+  p->resolve_list.pop_front();
+  if (!adr.empty()) p->resolve_list.push_front(format("%s %s %s", word, adr_text(adr), port));
+  return true;
+}
 
 void route_pending_packet(const PendingRef& p) {
   while (!p->resolve_list.empty()) {
@@ -192,23 +296,8 @@ void route_pending_packet(const PendingRef& p) {
       expand_url(p, line.words_from(1, ' '));
       continue;
     }
-    if (verb == "a" || verb == "aaaa") {
-      String word = line.word(1, ' '), host = line.word(2, ' '), port = line.word(3, ' ');
-      if (port.empty()) port = String("5060");
-      String adr = parse_adr(host);
-      bool v6 = verb == "aaaa";
-      if (!adr.empty() && (adr.length() == 16) != v6) {
-        p->resolve_list.pop_front();
-        continue;
-      }
-      if (adr.empty() && resolver.lookup && !resolver.lookup(host, v6, adr)) {
-        if (resolver.request) {
-          resolver.request(host, v6, retry_route, CallbackObject(p));
-          return;  // the line stays; the answer will be in the cache
-        }
-      }
-      p->resolve_list.pop_front();
-      if (!adr.empty()) p->resolve_list.push_front(format("%s %s %s", word, adr_text(adr), port));
+    if (verb == "a" || verb == "aaaa" || verb == "srv" || verb == "naptr" || verb == "enum") {
+      if (!resolve_line(p, verb, line)) return;
       continue;
     }
     log_sip(2, format("Internal error: Unknown DNS resolve type %s", verb));
@@ -258,6 +347,11 @@ void send_response(SipMessage&& m) {
     log_sip(3, format("Via is empty for %s, cannot send reply to %s", m.call_id, m.received));
     return;
   }
+  if (m.cseq_method == method_invite && m.status >= 180 && m.status < 300) {
+    // A ringing or answered call must not lose its connection to the idle limit.
+    String kind = m.socket_key.word(0, ':');
+    if (kind == "tcp" || kind == "tls") post_idle_limit(m.socket_key, sip_setting(String("max_call_duration")).to_int());
+  }
   ViaParts via = read_via(m.via[0]);
   String word = via.protocol.to_lower();
   if (word == "sip/2.0/udp") word = String("udp");
@@ -284,6 +378,33 @@ void send_response(SipMessage&& m) {
   route_pending_packet(p);
 }
 
+// The pending INVITE that a CANCEL is for: same Call-ID, CSeq number and From tag.
+PendingRef pending_invite_of(const SipMessage& cancel) {
+  auto range = pending.equal_range(cancel.call_id);
+  for (auto it = range.first; it != range.second; ++it) {
+    const SipMessage& q = it->second->message;
+    if (q.is_request && q.method == method_invite && q.cseq == cancel.cseq && q.from.tag() == cancel.from.tag())
+      return it->second;
+  }
+  return PendingRef();
+}
+
+// The ENUM name of a telephone number: its digits reversed, one label each, under
+// "e164.arpa"; empty for anything that isn't a number.
+String enum_domain(const String& user) {
+  String digits = user.starts_with(String("+")) ? user.tail(1) : user;
+  if (digits.empty() || digits.length() > 32) return String();
+  String out;
+  for (int i = digits.length() - 1; i >= 0; i--) {
+    char c = digits[i];
+    if (c < '0' || c > '9') return String();
+    out.append(String(&c, 1));
+    out.append(String("."));
+  }
+  out.append(String("e164.arpa"));
+  return out;
+}
+
 void send_request(SipMessage&& m) {
   if (m.method != method_notify || m.cseq == 0) {
     String key = m.from.tag().empty() ? m.call_id : format("%s %s", m.call_id, m.from.tag());
@@ -308,6 +429,8 @@ void send_request(SipMessage&& m) {
   String kind = m.socket_key.word(0, ':');
   bool connection = kind == "tcp" || kind == "tls" || kind == "ctcp" || kind == "ctls";
   set_via_suffix(m);
+  PendingRef cancelled = m.method == method_cancel ? pending_invite_of(m) : PendingRef();
+  if (cancelled) m.via_suffix = cancelled->message.via_suffix;
   String via_word = connection ? (kind == "tcp" || kind == "ctcp" ? String("TCP") : String("TLS")) : String("XXX");
   String via = sip_setting(String("no_rport")) == "true" || m.method == method_options
                    ? format("SIP/2.0/%s {x-pre-adr}:{x-pre-port}%s", via_word, m.via_suffix)
@@ -324,12 +447,44 @@ void send_request(SipMessage&& m) {
     return;
   }
   SipMessage& msg = p->message;
+  if (!msg.preset_routes.empty()) {
+    for (const String& line : msg.preset_routes.split('\n')) {
+      String l = line.trim();
+      if (l.empty()) continue;
+      p->resolve_list.push_back(l);
+      p->max_iterations = std::min(100, p->max_iterations + 4);
+    }
+    route_pending_packet(p);
+    return;
+  }
+  if (cancelled) {
+    // A CANCEL must reach the very hop that has the INVITE.
+    if (!cancelled->target.empty())
+      p->resolve_list.push_back(format("%s %s %d", cancelled->transport.empty() ? String("udp") : cancelled->transport,
+                                       adr_text(cancelled->target.adr), cancelled->target.port));
+  }
   String target;
+  String enum_name;
   if (!msg.route.empty() && !msg.ignore_route) target = msg.route[0].uri().text();
   else if (msg.proxy == "sip:loopback") p->resolve_list.push_back(String("udp 127.0.0.1 5060"));
   else if (!msg.proxy.empty()) target = msg.proxy.contains(':') ? msg.proxy : String("sip:") + msg.proxy;
-  else target = msg.request_uri.text();
-  if (!target.empty()) p->resolve_list.push_back(String("url ") + target);
+  else if (uri_param(msg.request_uri, String("enum")) == "true" && !(enum_name = enum_domain(msg.request_uri.user())).empty()) {
+    log_sip(7, format("Converting phone %s into %s", msg.request_uri.user(), enum_name));
+    p->resolve_list.push_back(String("enum ") + enum_name);
+  } else target = msg.request_uri.text();
+  if (!target.empty()) {
+    SipUri uri(target);
+    String maddr = uri_param(uri, String("maddr"));
+    if (maddr.empty()) {
+      p->resolve_list.push_back(String("url ") + target);
+    } else {
+      String transport = uri_param(uri, String("transport")).to_lower();
+      if (transport.empty()) transport = String("udp");
+      int port = uri.port().is_int() ? uri.port().to_int() : transport == "tls" ? 5061 : 5060;
+      p->resolve_list.push_back(format("aaaa %s %s %d", transport, maddr, port));
+      p->resolve_list.push_back(format("a %s %s %d", transport, maddr, port));
+    }
+  }
   route_pending_packet(p);
 }
 
@@ -345,13 +500,7 @@ void send_packet(SipMessage message) {
 }
 
 void erase_pending_packet(const PendingRef& p, const String& call_id) {
-  auto range = pending.equal_range(call_id);
-  for (auto it = range.first; it != range.second; ++it) {
-    if (it->second == p) {
-      pending.erase(it);
-      break;
-    }
-  }
+  unlink_pending(p, call_id);
   p->retransmit_timer.clear();
   p->life_timer.clear();
 }
@@ -363,7 +512,9 @@ void clear_pending_packets() {
     p->retransmit_timer.clear();
     p->life_timer.clear();
   }
+  for (auto& [id, p] : pending) p->older = p->newer = nullptr;
   pending.clear();
+  oldest = newest = nullptr;
   dialog_cseq.clear();
 }
 

@@ -12,7 +12,7 @@
 #include "core/timeout.h"
 #include "sip/sip_message.h"
 
-struct PendingPacket {
+struct PendingPacket : std::enable_shared_from_this<PendingPacket> {
   SipMessage first_message;
   TaggedText tagged;
   SipMessage message;
@@ -29,6 +29,10 @@ struct PendingPacket {
   int interval_units = 0;
   Tick created;
   bool superseded = false;
+  // Neighbours in the order of creation, so that the sweep of forgotten packets looks at
+  // the oldest ones only.
+  PendingPacket* older = nullptr;
+  PendingPacket* newer = nullptr;
 };
 using PendingRef = std::shared_ptr<PendingPacket>;
 
@@ -47,12 +51,14 @@ void clear_pending_packets();
 using ResponseSink = void (*)(SipMessage& response);
 void set_local_response_sink(ResponseSink sink);
 
-// Address look-ups of host names for the resolver lines: true with the first address
-// (4 or 16 bytes) when known now; otherwise a request is started and `retry` runs with
-// the pending packet when the answer is in. Filled in by the DNS resolver.
+// DNS look-ups for the resolver lines: `lookup` is true with the record text (one record
+// a line; empty for a negative answer) when it is known now; otherwise `request` asks and
+// `retry` runs with the pending packet once the answer, or the give-up, is in the cache.
+// `type` is one of the record types of the DNS client (A, SRV, NAPTR, AAAA). Filled in by
+// the DNS resolver.
 struct SipResolver {
-  bool (*lookup)(const String& name, bool ipv6, String& adr) = nullptr;
-  void (*request)(const String& name, bool ipv6, void (*retry)(const CallbackObject&), const CallbackObject& pending) = nullptr;
+  bool (*lookup)(const String& name, int type, String& text) = nullptr;
+  void (*request)(const String& name, int type, void (*retry)(const CallbackObject&), const CallbackObject& pending) = nullptr;
 };
 void set_sip_resolver(const SipResolver& resolver);
 

@@ -266,8 +266,8 @@ TEST_F(FakeDns, ResolverOfTheTransactionLayer) {
   retried.clear();
   SipResolver r = dns_sip_resolver();
   String adr;
-  EXPECT_FALSE(r.lookup(String("host.test"), true, adr));
-  r.request(String("host.test"), true, on_retry, std::make_shared<int>(42));
+  EXPECT_FALSE(r.lookup(String("host.test"), dns_aaaa, adr));
+  r.request(String("host.test"), dns_aaaa, on_retry, std::make_shared<int>(42));
   String query;
   Address from;
   ASSERT_TRUE(take_query(query, from));
@@ -277,12 +277,12 @@ TEST_F(FakeDns, ResolverOfTheTransactionLayer) {
     if (retried.empty()) usleep(1000);
   }
   ASSERT_EQ(retried, std::vector<int>{42});
-  ASSERT_TRUE(r.lookup(String("host.test"), true, adr));
-  EXPECT_EQ(adr, parse_adr(String("2001:db8::42")));
+  ASSERT_TRUE(r.lookup(String("host.test"), dns_aaaa, adr));
+  EXPECT_EQ(adr, String("2001:db8::42"));
   set_dns_servers({});
-  r.request(String("other.test"), false, on_retry, std::make_shared<int>(7));
+  r.request(String("other.test"), dns_a, on_retry, std::make_shared<int>(7));
   EXPECT_EQ(retried, (std::vector<int>{42, 7}));
-  ASSERT_TRUE(r.lookup(String("other.test"), false, adr));
+  ASSERT_TRUE(r.lookup(String("other.test"), dns_a, adr));
   EXPECT_TRUE(adr.empty());
 }
 
