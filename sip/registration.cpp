@@ -470,6 +470,27 @@ void remove_registrations_of(const String& socket_key, const Address& source) {
   }
 }
 
+bool registered_on_connection(const SipMessage& m) {
+  // The identity the request claims: P-Preferred-Identity when there is one, else From.
+  NameAddr claimed = m.from;
+  String preferred = m.header(String("P-Preferred-Identity"));
+  if (!preferred.empty()) claimed = NameAddr(preferred);
+  const SipUri& who = claimed.uri();
+  if (who.user().empty()) return false;
+  auto range = by_source.equal_range(source_key(transport_word(m), m.source));
+  for (auto it = range.first; it != range.second; ++it) {
+    auto found = records.find(it->second);
+    if (found == records.end()) continue;
+    const Registration& r = *found->second;
+    // Only a binding that was admitted and still runs vouches for its sender.
+    if (!r.event.empty() || !r.answered_once || r.expires <= 0) continue;
+    if (r.remote.uri().user() == who.user() && r.remote.uri().host().equals_nocase(who.host())) return true;
+  }
+  return false;
+}
+
+bool registration_call_id_known(const String& call_id) { return records.count(call_id) != 0; }
+
 RegistrationRef find_registration(const String& call_id) {
   auto found = records.find(call_id);
   return found == records.end() ? nullptr : found->second;
@@ -489,4 +510,6 @@ void registration_register() {
   routing_hooks.registration = handle_register_request;
   routing_hooks.source_registered = source_is_registered;
   routing_hooks.connection_closed = remove_registrations_of;
+  routing_hooks.registered_on_connection = registered_on_connection;
+  routing_hooks.call_id_known = registration_call_id_known;
 }

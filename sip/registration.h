@@ -69,6 +69,10 @@ void register_response(const String& value);
 // address text with port).
 bool source_is_registered(const Address& source);
 void remove_registrations_of(const String& socket_key, const Address& source);
+// A request over a connection that carries a live binding of the identity it claims
+// (P-Preferred-Identity, else From), from the same source and transport.
+bool registered_on_connection(const SipMessage& request);
+bool registration_call_id_known(const String& call_id);
 RegistrationRef find_registration(const String& call_id);
 int registration_count();
 void clear_registrations();

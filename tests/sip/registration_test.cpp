@@ -55,11 +55,11 @@ class RegistrationTest : public ::testing::Test {
     routing_hooks = RoutingHooks();
   }
 
-  void receive(const String& text) {
+  void receive(const String& text, const char* transport = "udp") {
     ReceivedPacket p;
-    p.socket_key = String("udp:5060");
+    p.socket_key = String(transport) == "udp" ? String("udp:5060") : String("tls:1");
     p.text = text;
-    p.transport = String("udp");
+    p.transport = String(transport);
     p.source = Address(parse_adr(String("127.0.0.1")), 5062);
     p.local = Address(parse_adr(String("127.0.0.1")), 5060);
     receive_packet(p);
@@ -319,4 +319,49 @@ TEST_F(RegistrationTest, OddHeadersReachTheControlHalf) {
     EXPECT_EQ(to_control.back().first, tag_registration_request) << c.headers;
     EXPECT_EQ(to_control.back().second.find(rec_expires), String(c.expires)) << c.headers;
   }
+}
+
+// A binding over TLS vouches for later requests on its connection that claim its
+// identity; nothing else does.
+TEST_F(RegistrationTest, ConnectionCarriesItsBinding) {
+  auto tls = [](String text) {
+    return text.replace_all(String("SIP/2.0/UDP"), String("SIP/2.0/TLS"));
+  };
+  receive(tls(register_text(1)), "tls");
+  answer_policy();
+  String challenge = header_value(answers.back(), String("WWW-Authenticate"));
+  auto message = [](const char* from, int port, const char* extra) {
+    SipMessage m(format("MESSAGE sip:1002@pbx.test SIP/2.0\r\nVia: SIP/2.0/TLS 127.0.0.1:5062;branch=z9hG4bKm\r\n"
+                        "From: <sip:%s@pbx.test>;tag=m\r\nTo: <sip:1002@pbx.test>\r\nCall-ID: m1\r\n"
+                        "CSeq: 1 MESSAGE\r\n%sContent-Length: 0\r\n\r\n",
+                        String(from), String(extra)));
+    m.transport = Transport::tls;
+    m.source = Address(parse_adr(String("127.0.0.1")), port);
+    return m;
+  };
+  // Challenged but not yet admitted: no vouching.
+  EXPECT_FALSE(registered_on_connection(message("1001", 5062, "")));
+  receive(tls(register_text(2, authorization_for(challenge, "secret"))), "tls");
+  answer_request(2, 200, 600);
+  ASSERT_TRUE(answers.back().starts_with(String("SIP/2.0 200 Ok")));
+  struct Case {
+    const char* from;
+    int port;
+    const char* extra;
+    bool vouched;
+  } cases[] = {
+      {"1001", 5062, "", true},
+      {"1002", 5062, "", false},
+      {"1001", 5063, "", false},
+      {"1002", 5062, "P-Preferred-Identity: <sip:1001@PBX.test>\r\n", true},
+      {"1001", 5062, "P-Preferred-Identity: <sip:1003@pbx.test>\r\n", false},
+      {"1001", 5062, "P-Preferred-Identity: \xff<<\r\n", false},
+  };
+  for (const Case& c : cases)
+    EXPECT_EQ(registered_on_connection(message(c.from, c.port, c.extra)), c.vouched) << c.from << " " << c.port << c.extra;
+  SipMessage over_udp = message("1001", 5062, "");
+  over_udp.transport = Transport::udp;
+  EXPECT_FALSE(registered_on_connection(over_udp));
+  EXPECT_TRUE(registration_call_id_known(String("reg-1")));
+  EXPECT_FALSE(registration_call_id_known(String("reg-2")));
 }
