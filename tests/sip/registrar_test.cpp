@@ -93,7 +93,11 @@ class RegistrarTest : public ::testing::Test {
 
   void TearDown() override {
     set_registrar_web_account(nullptr);
-    for (const auto& [table, persist] : persisted_) table->set_persist(persist);
+    // Later tests of this process find the tables as empty as they were.
+    for (const auto& [table, persist] : persisted_) {
+      table->clear();
+      table->set_persist(persist);
+    }
     ctrl_run_mutex.unlock("registrar_test", 1);
     set_setting_reader(nullptr);
   }
