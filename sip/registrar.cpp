@@ -1,5 +1,6 @@
 #include "sip/registrar.h"
 
+#include <cctype>
 #include <ctime>
 
 #include "core/device_syslog.h"
@@ -18,6 +19,8 @@
 #include "store/settings.h"
 #include "store/table.h"
 
+RegistrarHooks registrar_hooks;
+
 namespace {
 
 Timeout expiry_timer;
@@ -30,6 +33,22 @@ void log_reg(int level, const String& text) {
 int setting_int(const char* name, int fallback) {
   String v = core_setting(name);
   return v.is_int() ? v.to_int() : fallback;
+}
+
+bool looks_like_mac(const String& user) {
+  if (user.length() != 12) return false;
+  for (int i = 0; i < 12; i++)
+    if (!isxdigit(static_cast<unsigned char>(user.at(i)))) return false;
+  return true;
+}
+
+bool known_device(const String& user) {
+  return looks_like_mac(user) && registrar_hooks.known_device && registrar_hooks.known_device(user);
+}
+
+int min_expires_setting() {
+  int min_expires = setting_int("min_expires", 30);
+  return min_expires < 1 ? 30 : min_expires;
 }
 
 void post_to_service(int tag, const TaggedText& inner) {
@@ -70,6 +89,14 @@ void on_credentials_question(const String& value) {
   String socket_key = q.find(rec_socket_key);
   if (account.found() && socket_key.starts_with(String("rest:")) && web_account && web_account(socket_key) == account.user) {
     log_reg(5, format("Allow registration without further authentication for %s", account.name));
+    (void)answer.add(rec_account_found, true);
+    (void)answer.add(rec_domain, account.domain);
+    (void)answer.add(rec_no_auth, true);
+    post_to_service(tag_register_policy, answer);
+    return;
+  }
+  if (!account.found() && known_device(to.uri().user())) {
+    // A device that provisioning knows by its MAC registers without a password of its own.
     (void)answer.add(rec_account_found, true);
     (void)answer.add(rec_domain, account.domain);
     (void)answer.add(rec_no_auth, true);
@@ -196,8 +223,7 @@ int binding_limit(const AccountRef& account) {
 
 int limited_expires(int expires, const String& event, bool wrtc) {
   if (wrtc) return 86400;
-  int min_expires = setting_int("min_expires", 30);
-  if (min_expires < 1) min_expires = 30;
+  int min_expires = min_expires_setting();
   int max_expires = setting_int("max_expires", 3600);
   if (max_expires < min_expires) max_expires = min_expires;
   if (event.empty()) return expires < min_expires ? min_expires : expires > max_expires ? max_expires : expires;
@@ -222,11 +248,30 @@ void on_registration_request(const String& value) {
   NameAddr from(r.find(rec_from));
   AccountRef account = find_account(to.uri().user(), to.uri().host());
   if (!account.found()) {
+    if (event.empty() && known_device(to.uri().user())) {
+      int expires = min_expires_setting();
+      if (registrar_hooks.device_registered)
+        registrar_hooks.device_registered(to.uri().user(), r.find(rec_user_agent), r.find(rec_source));
+      Address device = parse_address(r.find(rec_source), 0);
+      if (!device.adr.empty() && device.port)
+        acl_allow(device, device.adr.length() * 8 + 16, true,
+                  r.find(rec_transport) == "udp" ? acl_class_udp : acl_class_tcp, expires,
+                  format("PROV %s", to.uri().user()));
+      respond(r, 200, "Ok", expires);
+      return;
+    }
     log_unknown_domain(to.uri().host());
     respond(r, 404, "Not Found", 0);
     return;
   }
   AccountRef from_account = find_account(from.uri().user(), from.uri().host());
+  String star_tuser;
+  if (!from_account.found() && from.uri().user().starts_with(String("*")) && registrar_hooks.star_code)
+    star_tuser = registrar_hooks.star_code(account.domain, from.uri().user(), account.user);
+  if (!star_tuser.empty()) {
+    log_reg(5, format("Registering starcode %s to %s", star_tuser, account.name));
+    from_account = account;  // the code is the account's own key
+  }
   if (from_account.found() && from_account.domain != account.domain) {
     respond(r, 403, "Forbidden", 0);
     return;
@@ -253,7 +298,7 @@ void on_registration_request(const String& value) {
     return;
   }
   int expires = expires_text.to_int();
-  String tuser(account.user);
+  String tuser = star_tuser.empty() ? String(account.user) : star_tuser;
   String call_id = r.find(rec_call_id);
   String contact = r.find(rec_contact);
   if (r.find(rec_clear_all) == "true") {
@@ -271,12 +316,16 @@ void on_registration_request(const String& value) {
   if (expires <= 0) {
     if (row) {
       remove_binding(*regs, row);
-      if (event.empty()) log_reg(3, String("Account ") + account.name + " is removing a registration");
+      if (event.empty()) {
+        log_reg(3, String("Account ") + account.name + " is removing a registration");
+        if (registrar_hooks.presence) registrar_hooks.presence(account.user, false);
+      }
     }
     respond(r, 200, "Ok", 0);
     return;
   }
   bool is_new = row == 0;
+  bool first_binding = is_new && event.empty() && regs->count(col_tuser, tuser, col_event, String()) == 0;
   if (is_new) {
     String euse = extensions->get(account.row, col_euse);
     if (euse == "noreg" || euse == "mailbox") {
@@ -338,6 +387,11 @@ void on_registration_request(const String& value) {
                       colon >= 0 ? source.head(colon) : source, colon >= 0 ? source.tail(colon + 1) : String()));
   }
   respond(r, 200, "Ok", expires);
+  if (first_binding && registrar_hooks.presence) registrar_hooks.presence(account.user, true);
+  if (event == "as-feature-event" && !r.find(rec_body).empty() && registrar_hooks.feature_event)
+    registrar_hooks.feature_event(account.user, r.find(rec_body));
+  if (is_new && (event == "message-summary" || event == "dialog") && registrar_hooks.subscription_started)
+    registrar_hooks.subscription_started(row);
 }
 
 void on_refresh(const String& value) {

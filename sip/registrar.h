@@ -18,6 +18,25 @@ struct AccountRef {
 AccountRef find_account(const String& user, const String& host);
 int find_domain(const String& host);
 
+// What later subsystems add to a registration; each hook may stay empty.
+struct RegistrarHooks {
+  // Provisioning: whether a user part of 12 hexadecimal characters is the MAC of a device
+  // it knows, and the note of such a device's registration (MAC, user agent, source),
+  // which also starts its provisioning check.
+  bool (*known_device)(const String& mac) = nullptr;
+  void (*device_registered)(const String& mac, const String& user_agent, const String& source) = nullptr;
+  // Star codes: the `tuser` text for a From user that starts with a star (the code and
+  // the account), or empty when it names no code of the domain.
+  String (*star_code)(int domain, const String& from_user, int to_user) = nullptr;
+  // Presence: "REGISTER" true for an account's first binding, false for a removed one.
+  void (*presence)(int user, bool registered) = nullptr;
+  // After the answer: a new "message-summary" or "dialog" subscription (its row) wants
+  // its first NOTIFY; an "as-feature-event" body is applied to the account.
+  void (*subscription_started)(int row) = nullptr;
+  void (*feature_event)(int user, const String& body) = nullptr;
+};
+extern RegistrarHooks registrar_hooks;
+
 // The account (its `users` row) logged in on a web connection, by the connection's socket
 // key ("rest:..."); 0 for none. Filled in by the web layer; until then no connection
 // has one.

@@ -247,6 +247,12 @@ void process(const RegistrationRef& r, SipMessage& m) {
     return;
   }
   if (!r->account_found) {
+    if (m.method == method_register && lone_star(m)) {
+      // Clearing the bindings of nobody has nothing to clear: it succeeds.
+      send_packet(SipMessage(200, String("Ok"), m));
+      arm_removal(r, 1000);
+      return;
+    }
     SipMessage nf(404, String("Not Found"), m);
     int retry = setting_int("sub_expires", 0);
     nf.add_header(String("Retry-After"), String(retry > 0 ? retry : 3600));

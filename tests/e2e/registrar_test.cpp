@@ -479,6 +479,12 @@ TEST_F(RegistrarWireTest, DevicePasswordsAndUnknownDomains) {
   got = phone.answer();
   EXPECT_TRUE(got.starts_with(String("SIP/2.0 404 Not Found"))) << to_std(got);
   EXPECT_EQ(header_value(got, String("Retry-After")), String("3600"));
+  // Clearing the bindings of an account that doesn't exist has nothing to clear.
+  text = phone.request("REGISTER", String("nobody"), 1, "1999", String(), "0");
+  text.replace_all(format("Contact: <sip:1999@127.0.0.1:%d>", phone.port()), String("Contact: *"));
+  ASSERT_TRUE(phone.send(text));
+  got = phone.answer();
+  EXPECT_TRUE(got.starts_with(String("SIP/2.0 200 Ok"))) << to_std(got);
   EXPECT_TRUE(log_shows(log_, "You have only one domain and the domain pbx.example cannot be found, "
                               "consider using \"localhost\" as the domain name"));
 }

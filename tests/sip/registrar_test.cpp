@@ -44,6 +44,7 @@ struct Request {
   bool wrtc = false;
   bool clear_all = false;
   String push_token;
+  String body;
 };
 
 class RegistrarTest : public ::testing::Test {
@@ -93,6 +94,7 @@ class RegistrarTest : public ::testing::Test {
 
   void TearDown() override {
     set_registrar_web_account(nullptr);
+    registrar_hooks = RegistrarHooks();
     // Later tests of this process find the tables as empty as they were.
     for (const auto& [table, persist] : persisted_) {
       table->clear();
@@ -136,6 +138,7 @@ class RegistrarTest : public ::testing::Test {
     if (q.wrtc) (void)t.add(rec_wrtc, true);
     if (!q.push_token.empty()) (void)t.add(rec_push_token, q.push_token);
     (void)t.add(rec_user_agent, String("App/2.1 Android/14"));
+    if (!q.body.empty()) (void)t.add(rec_body, q.body);
     (void)t.add(rec_socket_key, String("udp:5060"));
     TaggedText outer;
     (void)outer.add(tag_registration_request, t);
@@ -222,8 +225,12 @@ TEST_F(RegistrarTest, WhoMayRegisterAndForHowLong) {
     EXPECT_EQ(answer.find(rec_status).to_int(), c.status) << c.name;
     EXPECT_EQ(answer.find(rec_reason), String(c.reason)) << c.name;
     EXPECT_EQ(bindings(), c.status == 200 ? 1 : 0) << c.name;
-    if (c.status == 200) EXPECT_EQ(answer.find(rec_expires).to_int(), c.expires) << c.name;
-    if (c.status == 400) EXPECT_TRUE(log.contains("Registration: Cannot handle expiration abc")) << c.name;
+    if (c.status == 200) {
+      EXPECT_EQ(answer.find(rec_expires).to_int(), c.expires) << c.name;
+    }
+    if (c.status == 400) {
+      EXPECT_TRUE(log.contains("Registration: Cannot handle expiration abc")) << c.name;
+    }
   }
 }
 
@@ -361,4 +368,100 @@ TEST_F(RegistrarTest, AppsKeepTheirPushToken) {
   EXPECT_EQ(tokens->get(row, col_domain), String(domain_));
   EXPECT_EQ(tokens->get(row, col_ua), String("App/2.1 Android/14"));
   EXPECT_EQ(tokens->get(row, col_device), String("<urn:uuid:app>"));
+}
+
+namespace {
+std::vector<std::string> heard;  // what the hooks were told, in order
+}  // namespace
+
+// A device that provisioning knows by its MAC registers without an account or password,
+// for `min_expires`, and its address and port are whitelisted for that time.
+TEST_F(RegistrarTest, DevicesKnownByMac) {
+  heard.clear();
+  registrar_hooks.known_device = [](const String& mac) { return mac == "0004F2ABCDEF"; };
+  registrar_hooks.device_registered = [](const String& mac, const String& agent, const String& source) {
+    heard.push_back(to_std(format("%s|%s|%s", mac, agent, source)));
+  };
+  settings["min_expires"] = "45";
+  TaggedText policy = credentials_for("0004F2ABCDEF", "udp:5060");
+  EXPECT_EQ(policy.find(rec_account_found), String("true"));
+  EXPECT_EQ(policy.find(rec_no_auth), String("true"));
+  EXPECT_EQ(credentials_for("0004F2ABCDE0", "udp:5060").find(rec_account_found), String("false"));
+
+  Request q;
+  q.to = String("<sip:0004F2ABCDEF@pbx.test>");
+  q.from = String("<sip:0004F2ABCDEF@pbx.test>;tag=d");
+  TaggedText answer = request(q);
+  EXPECT_EQ(answer.find(rec_status), String("200"));
+  EXPECT_EQ(answer.find(rec_expires), String("45"));
+  EXPECT_EQ(heard, (std::vector<std::string>{"0004F2ABCDEF|App/2.1 Android/14|192.0.2.10:5062"}));
+  EXPECT_GT(acl_check(Address(parse_adr(String("192.0.2.10")), 5062), acl_class_udp), 0);
+  EXPECT_EQ(bindings(), 0);
+  struct Case {
+    const char* to;
+    const char* event;
+  } refused[] = {{"<sip:0004F2ABCDE0@pbx.test>", ""}, {"<sip:0004F2ABCDEF@pbx.test>", "message-summary"},
+                 {"<sip:0004F2ABCDEFAB@pbx.test>", ""}};
+  for (const Case& c : refused) {
+    Request r;
+    r.to = String(c.to);
+    r.event = String(c.event);
+    r.call_id = String(c.to);
+    EXPECT_EQ(request(r).find(rec_status), String("404")) << c.to << " " << c.event;
+  }
+}
+
+TEST_F(RegistrarTest, PresenceAndSubscriptionHooks) {
+  heard.clear();
+  registrar_hooks.presence = [](int user, bool registered) {
+    heard.push_back(to_std(format("presence %d %s", user, String(registered ? "true" : "false"))));
+  };
+  registrar_hooks.subscription_started = [](int row) {
+    heard.push_back("subscription " + to_std(table_by_name(tbl_registrations)->get(row, col_event)));
+  };
+  registrar_hooks.feature_event = [](int user, const String& body) {
+    heard.push_back(to_std(format("feature %d %s", user, body)));
+  };
+  Request a;
+  EXPECT_EQ(request(a).find(rec_status), String("200"));
+  EXPECT_EQ(request(a).find(rec_status), String("200"));  // a refresh
+  Request b;
+  b.call_id = String("c2");
+  b.contact = String("<sip:1001@192.0.2.10:5070>");
+  EXPECT_EQ(request(b).find(rec_status), String("200"));
+  Request mwi;
+  mwi.call_id = String("s1");
+  mwi.event = String("message-summary");
+  EXPECT_EQ(request(mwi).find(rec_status), String("200"));
+  EXPECT_EQ(request(mwi).find(rec_status), String("200"));
+  Request feature;
+  feature.call_id = String("s2");
+  feature.event = String("as-feature-event");
+  feature.body = String("<SetDoNotDisturb/>");
+  EXPECT_EQ(request(feature).find(rec_status), String("200"));
+  a.expires = String("0");
+  EXPECT_EQ(request(a).find(rec_status), String("200"));
+  std::string id = std::to_string(ext1001_);
+  EXPECT_EQ(heard, (std::vector<std::string>{"presence " + id + " true", "subscription message-summary",
+                                             "feature " + id + " <SetDoNotDisturb/>", "presence " + id + " false"}));
+}
+
+// A watcher whose From is a star code of the domain subscribes to dialogs under the code.
+TEST_F(RegistrarTest, StarCodeWatchers) {
+  registrar_hooks.star_code = [](int, const String& from_user, int to_user) {
+    return from_user == "*55" ? format("*55%d", to_user) : String();
+  };
+  Request q;
+  q.event = String("dialog");
+  q.from = String("<sip:*55@pbx.test>;tag=w");
+  LogCapture log;
+  EXPECT_EQ(request(q).find(rec_status), String("200"));
+  Table* regs = table_by_name(tbl_registrations);
+  ASSERT_EQ(bindings(), 1);
+  EXPECT_EQ(regs->get(regs->first(), col_tuser), format("*55%d", ext1001_));
+  EXPECT_TRUE(log.contains(to_std(format("Registering starcode *55%d to 1001", ext1001_))));
+  Request other = q;
+  other.call_id = String("c2");
+  other.from = String("<sip:*77@pbx.test>;tag=w");
+  EXPECT_EQ(request(other).find(rec_status), String("403"));
 }

@@ -172,6 +172,24 @@ TEST_F(RegistrationTest, WrongPasswordGetsTheWarningAndCountsAsAFailure) {
 }
 
 TEST_F(RegistrationTest, UnknownAccountGets404WithRetryAfter) {
+  String star = register_text(1);
+  star.replace_all(String("Contact: <sip:1001@127.0.0.1:5062>\r\nExpires: 3600"), String("Contact: *\r\nExpires: 0"));
+  receive(star);
+  TaggedText policy;
+  (void)policy.add(rec_call_id, String("reg-1"));
+  (void)policy.add(rec_account_found, false);
+  TaggedText wrapped;
+  (void)wrapped.add(tag_register_policy, policy);
+  pbxsrv_post(wrapped.text());
+  pbxsrv_soap();
+  exchsrv_soap();
+  // Clearing the bindings of an unknown account has nothing to clear.
+  ASSERT_EQ(answers.size(), 1u);
+  EXPECT_TRUE(answers[0].starts_with(String("SIP/2.0 200 Ok"))) << to_std(answers[0]);
+  answers.clear();
+  clear_registrations();
+  clear_pending_packets();
+
   receive(register_text(1));
   TaggedText t;
   (void)t.add(rec_call_id, String("reg-1"));
