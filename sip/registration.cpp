@@ -298,12 +298,14 @@ void process(const RegistrationRef& r, SipMessage& m) {
     if (nat > 0) expires = nat;
   }
   String values = values_of(m, *r);
-  if (!authenticated_now && r->answered_once && numeric && values == r->last_values && expires > 0) {
-    r->expires = expires;
+  // A plain refresh asks what was granted before and gets the same: the control half's
+  // limits hold without asking it again.
+  if (!authenticated_now && r->answered_once && numeric && values == r->last_values && expires > 0 &&
+      expires == r->last_asked && r->expires > 0) {
     TaggedText t;
     (void)t.add(rec_call_id, r->call_id);
     (void)t.add(rec_cseq, static_cast<int>(m.cseq));
-    (void)t.add(rec_expires, expires);
+    (void)t.add(rec_expires, r->expires);
     (void)t.add(rec_source, address_text(r->address));
     (void)t.add(rec_transport, r->transport);
     post_to_control(tag_registration_refresh, t);
@@ -311,6 +313,7 @@ void process(const RegistrationRef& r, SipMessage& m) {
     return;
   }
   r->last_values = values;
+  r->last_asked = numeric ? expires : 0;
   if (static_cast<int>(r->waiting_register.size()) >= max_waiting) {
     r->waiting_register.pop_front();
     log_reg(4, format("%d registration messages pending", max_waiting));

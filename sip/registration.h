@@ -54,7 +54,8 @@ struct Registration {
   std::deque<SipMessage> waiting_security;
   std::deque<SipMessage> waiting_register;
   Timeout removal_timer;
-  int expires = 0;
+  int expires = 0;     // granted by the control half
+  int last_asked = 0;  // what the request that got it asked for
   bool answered_once = false;
   String last_values;  // the eleven values of the last request, joined
 };

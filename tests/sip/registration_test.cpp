@@ -150,6 +150,7 @@ TEST_F(RegistrationTest, ChallengeAdmitAndRefreshLocally) {
   EXPECT_TRUE(answers[3].starts_with(String("SIP/2.0 200 Ok")));
   ASSERT_EQ(to_control.size(), crossings + 2);
   EXPECT_EQ(to_control.back().first, tag_registration_refresh);
+  EXPECT_EQ(to_control.back().second.find(rec_expires), String("3600"));
   EXPECT_TRUE(source_is_registered(Address(parse_adr(String("127.0.0.1")), 5062)));
 }
 
@@ -382,4 +383,29 @@ TEST_F(RegistrationTest, ConnectionCarriesItsBinding) {
   EXPECT_FALSE(registered_on_connection(over_udp));
   EXPECT_TRUE(registration_call_id_known(String("reg-1")));
   EXPECT_FALSE(registration_call_id_known(String("reg-2")));
+}
+
+// A refresh gets what the control half granted, not what it asks; asking for something
+// else is a question for the control half again.
+TEST_F(RegistrationTest, RefreshesKeepTheGrantedExpiry) {
+  receive(register_text(1));
+  answer_policy();
+  String challenge = header_value(answers[0], String("WWW-Authenticate"));
+  receive(register_text(2, authorization_for(challenge, "secret")));
+  answer_request(2, 200, 360);  // asked 3600, limited to 360
+  receive(register_text(3));
+  ASSERT_EQ(answers.size(), 3u);
+  EXPECT_EQ(to_control.back().first, tag_registration_refresh);
+  EXPECT_EQ(to_control.back().second.find(rec_expires), String("360"));
+  String contact = header_value(answers[2], String("Contact"));
+  int expires = contact.tail(contact.find(String("expires=")) + 8).to_int();
+  EXPECT_GE(expires, 358);
+  EXPECT_LE(expires, 362);
+
+  String shorter = register_text(4);
+  shorter.replace_all(String("Expires: 3600"), String("Expires: 120"));
+  receive(shorter);
+  EXPECT_EQ(to_control.back().first, tag_registration_request);
+  EXPECT_EQ(to_control.back().second.find(rec_expires), String("120"));
+  EXPECT_EQ(answers.size(), 3u);
 }
