@@ -84,7 +84,6 @@ void on_credentials_question(const String& value) {
   TaggedText answer;
   (void)answer.add(rec_call_id, q.find(rec_call_id));
   bool usable = account.found() && account.type == tbl_extensions;
-  if (!account.found()) log_unknown_domain(to.uri().host());
   // A phone inside a logged-in web page has shown its password to the web server already.
   String socket_key = q.find(rec_socket_key);
   if (account.found() && socket_key.starts_with(String("rest:")) && web_account && web_account(socket_key) == account.user) {
@@ -103,6 +102,7 @@ void on_credentials_question(const String& value) {
     post_to_service(tag_register_policy, answer);
     return;
   }
+  if (!account.found()) log_unknown_domain(to.uri().host());
   (void)answer.add(rec_account_found, usable);
   if (usable) {
     Table* extensions = table_by_name(tbl_extensions);
