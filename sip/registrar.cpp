@@ -235,6 +235,15 @@ int limited_expires(int expires, const String& event, bool wrtc) {
   return expires < 5 * min_expires ? 5 * min_expires : expires > 5 * max_expires ? 5 * max_expires : expires;
 }
 
+// A phone on a connection says nothing between its refreshes: the connection must
+// outlive the binding by a little.
+void keep_connection_open(const String& socket, int expires) {
+  String kind = socket.word(0, ':');
+  if (expires <= 0 || (kind != "tcp" && kind != "tls" && kind != "ttc" && kind != "ttl")) return;
+  TcpConnection* c = tcp_connection(socket.words_from(1, ':').to_int());
+  if (c) tcp_keep_alive(*c, expires + 15);
+}
+
 void on_registration_request(const String& value) {
   must_own(ctrl_run_mutex, "registration_request", 1);
   TaggedText r(value);
@@ -367,12 +376,7 @@ void on_registration_request(const String& value) {
   regs->set(row, col_socket, r.find(rec_socket_key));
   if (core_setting("save_registration") == "true") regs->set(row, col_ad, format_expiry(date));
   regs->set(row, col_date, String(date), true);
-  String socket = r.find(rec_socket_key);
-  String kind = socket.word(0, ':');
-  if (kind == "tcp" || kind == "tls" || kind == "ttc" || kind == "ttl") {
-    TcpConnection* c = tcp_connection(socket.words_from(1, ':').to_int());
-    if (c) tcp_keep_alive(*c, expires + 15);
-  }
+  keep_connection_open(r.find(rec_socket_key), expires);
   // The phone's address and port may talk for as long as the binding lasts.
   Address peer = parse_address(source, 0);
   if (!peer.adr.empty() && peer.port)
@@ -404,6 +408,7 @@ void on_refresh(const String& value) {
   int expires = t.find(rec_expires).to_int();
   long date = static_cast<long>(time(nullptr)) + expires + setting_int("reg_grace", 15);
   regs->set(row, col_date, String(date));
+  keep_connection_open(t.find(rec_socket_key), expires);
   Address peer = parse_address(t.find(rec_source), 0);
   if (!peer.adr.empty() && peer.port && expires > 0)
     acl_allow(peer, peer.adr.length() * 8 + 16, true, t.find(rec_transport) == "udp" ? acl_class_udp : acl_class_tcp,

@@ -308,6 +308,7 @@ void process(const RegistrationRef& r, SipMessage& m) {
     (void)t.add(rec_expires, r->expires);
     (void)t.add(rec_source, address_text(r->address));
     (void)t.add(rec_transport, r->transport);
+    (void)t.add(rec_socket_key, r->socket_key);
     post_to_control(tag_registration_refresh, t);
     send_register_ok(r, m);
     return;
