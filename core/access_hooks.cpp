@@ -8,8 +8,8 @@ void set_acl_hooks(AclCheck check, AclPenalty penalty) {
   penalty_hook = penalty;
 }
 
-int acl_check(const String& adr, int access_class) { return check_hook ? check_hook(adr, access_class) : 1; }
+int acl_hook_check(const Address& source, int access_class) { return check_hook ? check_hook(source, access_class) : 1; }
 
-void acl_penalty(const String& adr, int access_class, int points, const char* tag) {
-  if (penalty_hook) penalty_hook(adr, access_class, points, tag);
+void acl_hook_penalty(const Address& source, int access_class, int points, const char* tag) {
+  if (penalty_hook) penalty_hook(source, access_class, points, tag);
 }

@@ -3,10 +3,12 @@
 // to an unknown source. Filled in by the access control; until then everything passes.
 #pragma once
 
-#include "core/string.h"
+#include "core/address.h"
 
-using AclCheck = int (*)(const String& adr, int access_class);
-using AclPenalty = void (*)(const String& adr, int access_class, int points, const char* tag);
+// The source's port counts: a phone's binding whitelists its address and port, and
+// penalties are kept per address and port.
+using AclCheck = int (*)(const Address& source, int access_class);
+using AclPenalty = void (*)(const Address& source, int access_class, int points, const char* tag);
 void set_acl_hooks(AclCheck check, AclPenalty penalty);
-int acl_check(const String& adr, int access_class);
-void acl_penalty(const String& adr, int access_class, int points, const char* tag);
+int acl_hook_check(const Address& source, int access_class);
+void acl_hook_penalty(const Address& source, int access_class, int points, const char* tag);

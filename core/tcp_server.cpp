@@ -70,8 +70,8 @@ void accept_one(Listener& l) {
     return;
   }
   int access_class = l.kind == ListenerKind::sip ? 2 : 3;
-  String peer = c->socket.peer().adr;
-  int access = acl_check(peer, access_class);
+  Address peer = c->socket.peer();
+  int access = acl_hook_check(peer, access_class);
   if (access < 0) {
     int delay = setting_int("max_tcp_keep", 1000) * (limit - current) / (limit > 0 ? limit : 1);
     log_web(8, format("Accept connection from blacklisted address %s for %d ms", address_text(c->socket.peer()), delay));
@@ -80,7 +80,7 @@ void accept_one(Listener& l) {
     c->idle.callback(control_queue, delay, callback_argument(idle_expired, c->number));
   } else {
     log_web(9, format("Accept connection %d from %s", c->number, address_text(c->socket.peer())));
-    if (access == 0) acl_penalty(peer, access_class, 2, "accept");
+    if (access == 0) acl_hook_penalty(peer, access_class, 2, "accept");
     int idle_seconds = l.kind == ListenerKind::sip ? 8 : l.kind == ListenerKind::ftp ? 3 : setting_int("web_timeout", 60);
     if (l.kind == ListenerKind::ftp) {
       (void)c->socket.send(String("220 Qomra PBX.\r\n"));

@@ -260,11 +260,11 @@ void clear_accept(const String& adr, int c) {
   accept_counts[c].erase(adr);
 }
 
-int hook_check(const String& adr, int access_class) { return acl_check(Address(adr, 0), access_class); }
+int hook_check(const Address& source, int access_class) { return acl_check(source, access_class); }
 
-void hook_penalty(const String& adr, int access_class, int points, const char* tag) {
+void hook_penalty(const Address& source, int access_class, int points, const char* tag) {
   String label = String(tag).to_upper();
-  acl_penalty(Tick::now(), Address(adr, 0), points, access_class, label, String());
+  acl_penalty(Tick::now(), source, points, access_class, label, String());
 }
 
 // The records inside a posted report.

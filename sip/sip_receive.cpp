@@ -125,7 +125,7 @@ void sip_udp_datagram(UdpSocket& socket, const String& text, const Address& from
   LocationScope scope("SIP UDP", text);
   usage_add(String("sip_all"));
   usage_add(String("sip_udp"));
-  int access = acl_check(from.adr, 1);
+  int access = acl_hook_check(from, 1);
   if (access < 0) return;
   if (access == 0 && core_setting("ip_sip_udp_filter") == "true") {
     rejected_count++;
@@ -151,7 +151,7 @@ void sip_udp_datagram(UdpSocket& socket, const String& text, const Address& from
                    access > 0);
   if (access == 0) {
     int points = sip_penalty_points(message);
-    if (points) acl_penalty(from.adr, 1, points, "sip");
+    if (points) acl_hook_penalty(from, 1, points, "sip");
   }
 }
 

@@ -68,12 +68,12 @@ void sip_tcp_input(TcpConnection& c, const String& bytes, Tick) {
       break;
     }
     c.input = c.input.tail(taken);
-    int access = acl_check(peer.adr, 2);
+    int access = acl_hook_check(peer, 2);
     ctrl_post_sip_rx(format("%s:%d", transport, c.number), message, peer, c.socket.local(), transport, String(c.number),
                      access > 0);
     if (access == 0) {
       int points = sip_penalty_points(message);
-      if (points) acl_penalty(peer.adr, 2, points, "sip");
+      if (points) acl_hook_penalty(peer, 2, points, "sip");
     }
   }
 }

@@ -79,7 +79,7 @@ TEST(TcpServerTest, ConnectionLimitClosesTheExtraOneWithoutANumber) {
 
 TEST(TcpServerTest, BlacklistedPeerIsKeptUnreadForAShrinkingTime) {
   set_setting_reader(setting);
-  set_acl_hooks([](const String&, int) { return -1; }, nullptr);
+  set_acl_hooks([](const Address&, int) { return -1; }, nullptr);
   threads_setting = String("1000");
   int port = listen_port();
   apply_tcp_listeners(ListenerKind::sip, false, format("127.0.0.1:%d", port), 80);

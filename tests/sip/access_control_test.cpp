@@ -241,11 +241,11 @@ TEST_F(AclTest, ConnectionCounts) {
 TEST_F(AclTest, HooksReachTheLists) {
   acl_register();
   acl_load_manual({{1, "127.0.0.1", "32", "white", ""}});
-  EXPECT_EQ(acl_check(parse_adr(String("127.0.0.1")), 1), 1);
-  EXPECT_EQ(acl_check(parse_adr(String("127.0.0.9")), 1), 0);
-  for (int i = 0; i < 10; i++) acl_penalty(parse_adr(String("127.0.0.9")), 1, 16, "sip");
-  EXPECT_EQ(acl_check(parse_adr(String("127.0.0.9")), 1), -1);
-  EXPECT_EQ(acl_check(parse_adr(String("127.0.0.1")), 1), 1);
+  EXPECT_EQ(acl_hook_check(at("127.0.0.1", 5060), 1), 1);
+  EXPECT_EQ(acl_hook_check(at("127.0.0.9", 5060), 1), 0);
+  for (int i = 0; i < 10; i++) acl_hook_penalty(at("127.0.0.9", 5060), 1, 16, "sip");
+  EXPECT_EQ(acl_hook_check(at("127.0.0.9", 5061), 1), -1);
+  EXPECT_EQ(acl_hook_check(at("127.0.0.1", 5060), 1), 1);
   // The reports of the service half arrive as posted messages.
   for (int i = 0; i < 5; i++)
     dispatch_posted(acl_penalty_message(at("127.0.0.10", 5070), 32, acl_class_udp, String("SIP"),
@@ -254,6 +254,10 @@ TEST_F(AclTest, HooksReachTheLists) {
   EXPECT_EQ(acl_check(at("127.0.0.10"), acl_class_udp), -1);
   dispatch_posted(acl_allow_message(at("127.0.0.11", 5060), 48, true, acl_class_tcp, 120, String("Registration 200")), false);
   EXPECT_EQ(acl_check(at("127.0.0.11", 5060), acl_class_tcp), 1);
+  // The binding whitelists the phone's port, not its neighbours, and the socket code
+  // passes the port along.
+  EXPECT_EQ(acl_hook_check(at("127.0.0.11", 5060), acl_class_tcp), 1);
+  EXPECT_EQ(acl_hook_check(at("127.0.0.11", 5062), acl_class_tcp), 0);
   String json;
   acl_json(json);
   EXPECT_NE(json.find(String("\"comment\":\"INVITE 200@host.test\"")), -1);
