@@ -62,6 +62,7 @@ bool accept_call(SipMessage&) { return true; }
 class RoutingTest : public ::testing::Test {
  protected:
   void SetUp() override {
+    fake_now = 1000000000;
     tick_set_source(fake_clock);
     sent.clear();
     local_responses.clear();
