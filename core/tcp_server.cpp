@@ -222,4 +222,5 @@ LoopParty tcp_listener_party() { return LoopParty{110, add_listeners, serve_list
 void tcp_server_reset() {
   while (!connections.empty()) erase_connection(connections.begin()->first);
   listeners.clear();
+  next_number = 1;
 }

@@ -49,6 +49,7 @@ bool closed_by_peer(TcpSocket& s) {
 }  // namespace
 
 TEST(TcpServerTest, ConnectionLimitClosesTheExtraOneWithoutANumber) {
+  tcp_server_reset();  // numbers count from 1 again
   set_setting_reader(setting);
   int port = listen_port();
   apply_tcp_listeners(ListenerKind::web, false, format("127.0.0.1:%d", port), 80);
