@@ -44,5 +44,5 @@ void tcp_keep_alive(TcpConnection& c, int seconds);
 // The loop parties: connections (order 100) and listeners (order 110).
 LoopParty tcp_connection_party();
 LoopParty tcp_listener_party();
-// For tests: closes every connection and listener.
+// For tests: closes every connection and listener, and counts connections from 1 again.
 void tcp_server_reset();

@@ -52,18 +52,31 @@ constexpr int max_subject = 128;
 
 // The library's matcher backtracks without a limit, so a pattern from the network must
 // be one whose cost is small: no quantified group (the nested repetition of "(a*)*b"),
-// and few quantifiers in all. ENUM patterns in use ("^.*$", "^\+49(.*)$") pass easily.
+// no quantifier of a quantifier (".**" is the same nesting), and few quantifiers in all.
+// ENUM patterns in use ("^.*$", "^\+49(.*)$") pass easily.
 bool tame_pattern(const String& p) {
   int quantifiers = 0;
+  bool after_quantifier = false;
   for (int i = 0; i < p.length(); i++) {
     char c = p[i];
     if (c == '\\') {
       i++;
+      after_quantifier = false;
       continue;
     }
     bool quantifier = c == '*' || c == '+' || c == '?' || c == '{';
-    if (quantifier && i > 0 && p[i - 1] == ')') return false;
+    if (quantifier && (after_quantifier || (i > 0 && p[i - 1] == ')'))) return false;
     if (quantifier && ++quantifiers > max_quantifiers) return false;
+    if (c == '{') {
+      // Bounds are small numbers: the matcher builds a state per repetition, and reads
+      // a long number into an overflowing integer. What follows "}" is quantified again.
+      int digits = 0;
+      for (i++; i < p.length() && p[i] != '}'; i++) {
+        if (p[i] == ',') digits = 0;
+        else if (p[i] < '0' || p[i] > '9' || ++digits > 2) return false;
+      }
+    }
+    after_quantifier = quantifier;
   }
   return true;
 }

@@ -59,6 +59,11 @@ TEST(DnsLinesTest, HostileRegularExpressions) {
       {"!(a*)*b!x!", "aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaac", ""},  // nested repetition: refused
       {"!(a|aa)+b!x!", "aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaac", ""},
       {"!a*a*a*a*a*b!x!", "aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaac", ""},  // too many quantifiers
+      {"!a**b!x!", "aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaac", ""},        // a quantifier of a quantifier
+      {"!a{1,3}*b!x!", "aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaac", ""},
+      {"!a{2}b!x!", "aab", "x"},
+      {"!a{1000}b!x!", "aab", ""},                                   // bounds too large to build
+      {"!a{99999999999999999999}b!x!", "aab", ""},
       {"!^\\+49(.*)$!sip:\\1@de!", "+49301", "sip:301@de"},
   };
   for (const auto& c : cases)
