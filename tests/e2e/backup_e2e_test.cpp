@@ -17,13 +17,6 @@
 
 namespace {
 
-std::string slurp(const std::string& path) {
-  std::ifstream f(path, std::ios::binary);
-  std::stringstream s;
-  s << f.rdbuf();
-  return s.str();
-}
-
 std::string run(const std::string& command, int& status) {
   std::string out;
   FILE* p = popen(command.c_str(), "r");
@@ -87,7 +80,7 @@ TEST(BackupToolsTest, GnuTarAndPythonReadTheBackup) {
   EXPECT_EQ(std::stoul(py), names.size());
   for (const std::string& name : names) {
     if (name.back() == '/') continue;
-    EXPECT_EQ(slurp(out + "/" + name), slurp(work + "/" + name)) << name;
+    EXPECT_EQ(file_text(out + "/" + name), file_text(work + "/" + name)) << name;
   }
 
   // An archive that GNU tar made from the working directory restores as well.

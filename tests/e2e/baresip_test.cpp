@@ -14,27 +14,6 @@
 
 namespace {
 
-std::string slurp(const std::string& path) {
-  std::ifstream f(path);
-  std::stringstream s;
-  s << f.rdbuf();
-  return s.str();
-}
-
-void write(const std::string& path, const std::string& text) {
-  std::ofstream f(path);
-  f << text;
-}
-
-template <class F>
-bool eventually(F condition, int seconds) {
-  for (int i = 0; i < seconds * 10; i++) {
-    if (condition()) return true;
-    usleep(100000);
-  }
-  return condition();
-}
-
 }  // namespace
 
 TEST(BaresipTest, RegistersOverTcpAndUnregistersOnQuit) {
@@ -45,13 +24,13 @@ TEST(BaresipTest, RegistersOverTcpAndUnregistersOnQuit) {
   WorkDir work = write_work_dir(dir.path(), o);
   std::string err = dir.file("daemon.err");
   DaemonProcess daemon({"--no-daemon", "--dir", dir.path(), "--log", "9"}, err);
-  ASSERT_TRUE(eventually([&] { return slurp(err).find("Working Directory is") != std::string::npos; }, 10));
+  ASSERT_TRUE(eventually([&] { return file_text(err).find("Working Directory is") != std::string::npos; }, 10));
 
   std::string phone = dir.file("phone");
   mkdir(phone.c_str(), 0700);
-  write(phone + "/accounts", "<sip:40@localhost;transport=tcp>;auth_pass=secret40;outbound=\"sip:127.0.0.1:" +
+  write_text(phone + "/accounts", "<sip:40@localhost;transport=tcp>;auth_pass=secret40;outbound=\"sip:127.0.0.1:" +
                                  std::to_string(work.port("ip_sip_tcp_port")) + ";transport=tcp\";regint=60\n");
-  write(phone + "/config", "poll_method epoll\nsip_listen 127.0.0.1:0\nmodule_path /usr/lib/baresip/modules\n"
+  write_text(phone + "/config", "poll_method epoll\nsip_listen 127.0.0.1:0\nmodule_path /usr/lib/baresip/modules\n"
                            "module account.so\n");
   std::string out = phone + "/out.txt";
   pid_t pid = fork();
@@ -65,10 +44,10 @@ TEST(BaresipTest, RegistersOverTcpAndUnregistersOnQuit) {
   }
   int status = 0;
   waitpid(pid, &status, 0);
-  std::string said = slurp(out);
+  std::string said = file_text(out);
   EXPECT_NE(said.find("200 Ok"), std::string::npos) << said;
   EXPECT_NE(said.find("[1 binding]"), std::string::npos) << said;
-  EXPECT_TRUE(eventually([&] { return slurp(err).find("Account 40 is removing a registration") != std::string::npos; }, 10))
-      << slurp(err);
-  EXPECT_NE(slurp(err).find("Account 40 is registering a new contact from 127.0.0.1:"), std::string::npos);
+  EXPECT_TRUE(eventually([&] { return file_text(err).find("Account 40 is removing a registration") != std::string::npos; }, 10))
+      << file_text(err);
+  EXPECT_NE(file_text(err).find("Account 40 is registering a new contact from 127.0.0.1:"), std::string::npos);
 }

@@ -10,23 +10,6 @@
 #include "tests/support/test_support.h"
 #include "tests/support/work_dir_fixture.h"
 
-static std::string slurp(const std::string& path) {
-  std::ifstream f(path);
-  std::stringstream s;
-  s << f.rdbuf();
-  return s.str();
-}
-
-// Waits up to `seconds` for the condition, checking ten times a second.
-template <class F>
-static bool eventually(F condition, int seconds) {
-  for (int i = 0; i < seconds * 10; i++) {
-    if (condition()) return true;
-    usleep(100000);
-  }
-  return condition();
-}
-
 TEST(DaemonCommandLineTest, VersionAndErrors) {
   RunResult v = run_daemon({"--version"});
   EXPECT_EQ(v.exit_code, 0);
@@ -48,7 +31,7 @@ TEST(DaemonProcessTest, DetachesAndWritesPidFile) {
   std::string pidfile = dir.file("pid");
   RunResult r = run_daemon({"--pidfile", pidfile, "--dir", dir.path()});
   EXPECT_EQ(r.exit_code, 0);
-  std::string text = slurp(pidfile);
+  std::string text = file_text(pidfile);
   ASSERT_FALSE(text.empty());
   EXPECT_EQ(text.find('\n'), std::string::npos);
   pid_t pid = std::stoi(text);
@@ -66,8 +49,8 @@ TEST(DaemonProcessTest, MissingDirectoryIsReportedAndStartUpGoesOn) {
   ASSERT_EQ(chdir(dir.path().c_str()), 0);
   DaemonProcess d({"--no-daemon", "--dir", dir.file("missing")}, dir.file("err"));
   ASSERT_EQ(chdir(cwd), 0);
-  EXPECT_TRUE(eventually([&] { return slurp(dir.file("err")).find("Starting up") != std::string::npos; }, 10));
-  EXPECT_NE(slurp(dir.file("err")).find("Could not change directory to " + dir.file("missing")), std::string::npos);
+  EXPECT_TRUE(eventually([&] { return file_text(dir.file("err")).find("Starting up") != std::string::npos; }, 10));
+  EXPECT_NE(file_text(dir.file("err")).find("Could not change directory to " + dir.file("missing")), std::string::npos);
   EXPECT_TRUE(d.alive());
 }
 
@@ -77,7 +60,7 @@ TEST(DaemonProcessTest, RespawnRestartsAKilledServer) {
   std::string pidfile = dir.file("pid");
   RunResult r = run_daemon({"--respawn", "--pidfile", pidfile, "--dir", dir.path()});
   ASSERT_EQ(r.exit_code, 0);
-  pid_t respawner = std::stoi(slurp(pidfile));
+  pid_t respawner = std::stoi(file_text(pidfile));
   pid_t first = 0;
   ASSERT_TRUE(eventually([&] {
     auto c = children_of(respawner);

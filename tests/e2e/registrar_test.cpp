@@ -19,27 +19,16 @@
 #include "store/schema.h"
 #include "store/table.h"
 #include "tests/e2e/daemon_runner.h"
+#include "tests/e2e/sip_probe.h"
 #include "tests/support/test_support.h"
 #include "tests/support/work_dir_fixture.h"
 
 namespace {
 
-bool readable(int fd, int ms) {
-  pollfd p = {fd, POLLIN, 0};
-  return poll(&p, 1, ms) == 1;
-}
-
-std::string slurp(const std::string& path) {
-  std::ifstream f(path);
-  std::stringstream s;
-  s << f.rdbuf();
-  return s.str();
-}
-
 // Polls the daemon's log for a text, for at most `seconds`.
 bool log_shows(const std::string& path, const std::string& text, int seconds = 10) {
   for (int i = 0; i < seconds * 10; i++) {
-    if (slurp(path).find(text) != std::string::npos) return true;
+    if (file_text(path).find(text) != std::string::npos) return true;
     usleep(100000);
   }
   return false;
@@ -367,7 +356,7 @@ TEST_F(RegistrarWireTest, PasswordGuessersAreBlacklistedUnlessWhitelisted) {
                                              authorization("REGISTER", "40", "secret40", nonce, uri, uri))));
   String got = friendly.answer();
   EXPECT_TRUE(got.starts_with(String("SIP/2.0 200 Ok"))) << to_std(got);
-  EXPECT_EQ(slurp(log_).find("Address 127.0.0.1 has been blacklisted"), std::string::npos);
+  EXPECT_EQ(file_text(log_).find("Address 127.0.0.1 has been blacklisted"), std::string::npos);
 }
 
 // Three bindings of one account, then a lone star with Expires 0, authenticated like any

@@ -23,27 +23,6 @@
 
 namespace {
 
-std::string slurp(const std::string& path) {
-  std::ifstream f(path, std::ios::binary);
-  std::stringstream s;
-  s << f.rdbuf();
-  return s.str();
-}
-
-void spit(const std::string& path, const std::string& text) {
-  std::ofstream f(path, std::ios::binary);
-  f << text;
-}
-
-template <class F>
-bool eventually(F condition, int seconds) {
-  for (int i = 0; i < seconds * 10; i++) {
-    if (condition()) return true;
-    usleep(100000);
-  }
-  return condition();
-}
-
 struct Shell {
   int status = -1;
   std::string out;
@@ -72,7 +51,7 @@ std::string run_until_up(const std::string& dir, const std::vector<std::string>&
   command += " 2>" + err + " & pid=$!; for i in $(seq 150); do grep -q \"Working Directory is\" " + err +
              " && break; sleep 0.1; done; kill -9 $pid; wait $pid' 2>/dev/null";
   Shell r = shell(command);
-  std::string text = slurp(err);
+  std::string text = file_text(err);
   EXPECT_NE(text.find("Working Directory is"), std::string::npos) << text;
   unlink(err.c_str());
   return text;
@@ -83,7 +62,7 @@ std::string run_until_up(const std::string& dir, const std::vector<std::string>&
 TEST(SettingsDaemonTest, EmptyDirectoryGetsACompleteSettingsFileAndAnAdministrator) {
   TempDir dir;
   std::string err = run_until_up(dir.path());
-  std::string xml = slurp(dir.file("pbx.xml"));
+  std::string xml = file_text(dir.file("pbx.xml"));
   Shell count = shell("xmllint --xpath 'count(/pbx-config/*)' " + dir.file("pbx.xml"));
   EXPECT_EQ(count.out, "425\n");
   std::smatch m;
@@ -95,15 +74,15 @@ TEST(SettingsDaemonTest, EmptyDirectoryGetsACompleteSettingsFileAndAnAdministrat
   struct stat st{};
   ASSERT_EQ(stat(dir.file("admin-password.txt").c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 0777, 0600u);
-  std::string password = slurp(dir.file("admin-password.txt"));
+  std::string password = file_text(dir.file("admin-password.txt"));
   ASSERT_EQ(password.size(), 13u);
   EXPECT_NE(err.find("Administrator \"admin\", password " + password.substr(0, 12)), std::string::npos);
-  EXPECT_TRUE(eventually([&] { return slurp(dir.file("domains/1.xml")).find("<name>localhost</name>") != std::string::npos; }, 1));
+  EXPECT_TRUE(eventually([&] { return file_text(dir.file("domains/1.xml")).find("<name>localhost</name>") != std::string::npos; }, 1));
 
   // The next start reads the file: same secret, no second administrator.
   std::string err2 = run_until_up(dir.path());
   EXPECT_EQ(err2.find("Administrator"), std::string::npos);
-  EXPECT_EQ(slurp(dir.file("pbx.xml")).substr(0, 120), xml.substr(0, 120));
+  EXPECT_EQ(file_text(dir.file("pbx.xml")).substr(0, 120), xml.substr(0, 120));
   EXPECT_FALSE(std::ifstream(dir.file("admins/2.xml")).good());
 }
 
@@ -127,7 +106,7 @@ TEST(SettingsDaemonTest, FatalStartsWithTheirTexts) {
     mkdir(work.c_str(), 0755);
     if (!c.read_only) {
       write_work_dir(work);
-      if (c.settings) spit(work + "/pbx.xml", c.settings);
+      if (c.settings) write_text(work + "/pbx.xml", c.settings);
       else unlink((work + "/pbx.xml").c_str());
     }
     std::string command = "--no-daemon --dir " + work;
@@ -138,7 +117,7 @@ TEST(SettingsDaemonTest, FatalStartsWithTheirTexts) {
     EXPECT_GE(r.out.size(), strlen(c.text)) << c.what;
     EXPECT_NE(r.out.find(c.text), std::string::npos) << c.what << ": " << r.out;
     if (c.settings) {
-      EXPECT_EQ(slurp(work + "/pbx.xml"), c.settings) << c.what;
+      EXPECT_EQ(file_text(work + "/pbx.xml"), c.settings) << c.what;
     }
   }
 }
@@ -151,13 +130,13 @@ TEST(SettingsDaemonTest, EncipheredSlotsReadBackAfterTheDaemonRewritesTheFile) {
   // A dictionary with translations makes the daemon write `languages_web`, and so the file.
   std::string src = dir.file("dict-src");
   mkdir(src.c_str(), 0755);
-  spit(src + "/dict.json", "{\"en\":{\"a\":{\"b\":\"c\"}}}");
+  write_text(src + "/dict.json", "{\"en\":{\"a\":{\"b\":\"c\"}}}");
   Shell pack = shell("/usr/bin/python3 " + source_dir() + "/tools/pack_dictionary.py " + src + " " +
                      dir.file("exchsrv.dat"));
   ASSERT_EQ(pack.status, 0) << pack.out;
-  std::string before = slurp(dir.file("pbx.xml"));
+  std::string before = file_text(dir.file("pbx.xml"));
   run_until_up(dir.path());
-  std::string after = slurp(dir.file("pbx.xml"));
+  std::string after = file_text(dir.file("pbx.xml"));
   EXPECT_NE(after, before);
   EXPECT_EQ(after.find("loc&lt;"), std::string::npos);
   ParsedSettings p = parse_settings(S(after));
@@ -172,10 +151,10 @@ TEST(SettingsDaemonTest, ShowDictListsAPackedDictionaryThatAnIndependentReaderUn
   TempDir dir;
   std::string src = dir.file("src");
   shell("mkdir -p " + src + "/admin/js " + src + "/user");
-  spit(src + "/admin/index.htm", "<html><body>[[#version]]</body></html>");
-  spit(src + "/admin/js/app.js", std::string(5000, 'j'));
-  spit(src + "/user/empty.txt", "");
-  spit(src + "/dict.json", "{\"en\":{\"index\":{\"title\":\"Home\"}}}");
+  write_text(src + "/admin/index.htm", "<html><body>[[#version]]</body></html>");
+  write_text(src + "/admin/js/app.js", std::string(5000, 'j'));
+  write_text(src + "/user/empty.txt", "");
+  write_text(src + "/dict.json", "{\"en\":{\"index\":{\"title\":\"Home\"}}}");
   for (const char* mode : {"", "--compress"}) {
     std::string work = dir.file(std::string("work") + mode);
     mkdir(work.c_str(), 0755);
@@ -217,7 +196,7 @@ TEST(SettingsDaemonTest, NtpReplyOnTheConfiguredPort) {
     if (poll(&p, 1, 200) == 1) got = recv(fd, reply, sizeof reply, 0);
   }
   close(fd);
-  ASSERT_EQ(got, 48) << slurp(dir.file("err.txt"));
+  ASSERT_EQ(got, 48) << file_text(dir.file("err.txt"));
   EXPECT_EQ(reply[0], 28);
   EXPECT_EQ(reply[1], 2);
   EXPECT_EQ(reply[2], 0);

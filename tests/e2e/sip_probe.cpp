@@ -35,17 +35,6 @@ String receive_within(UdpSocket& socket, int ms) {
   return text;
 }
 
-std::string file_text(const std::string& path) {
-  std::string out;
-  FILE* f = fopen(path.c_str(), "r");
-  if (!f) return out;
-  char buf[4096];
-  size_t n;
-  while ((n = fread(buf, 1, sizeof buf, f)) > 0) out.append(buf, n);
-  fclose(f);
-  return out;
-}
-
 int occurrences(const std::string& haystack, const std::string& text) {
   int n = 0;
   for (size_t at = haystack.find(text); at != std::string::npos; at = haystack.find(text, at + 1)) n++;

@@ -15,7 +15,5 @@ String options_request(int port, const char* branch);
 bool answers_options(int port);
 // The next datagram on `socket` within `ms`, or an empty text.
 String receive_within(UdpSocket& socket, int ms);
-// The whole of a text file, empty if it can't be read.
-std::string file_text(const std::string& path);
 // How often `text` occurs in `haystack`.
 int occurrences(const std::string& haystack, const std::string& text);

@@ -1,3 +1,6 @@
+#include <unistd.h>
+#include <sstream>
+#include <fstream>
 #include "tests/support/test_support.h"
 
 #include <cstdlib>
@@ -71,3 +74,23 @@ void LogCapture::clear() {
 
 std::string source_dir() { return EXCH_SOURCE_DIR; }
 std::string binary_dir() { return EXCH_BINARY_DIR; }
+
+std::string file_text(const std::string& path) {
+  std::ifstream f(path, std::ios::binary);
+  std::stringstream s;
+  s << f.rdbuf();
+  return s.str();
+}
+
+void write_text(const std::string& path, const std::string& text) {
+  std::ofstream f(path, std::ios::binary | std::ios::trunc);
+  f << text;
+}
+
+bool eventually(const std::function<bool()>& condition, int seconds) {
+  for (int i = 0; i < seconds * 10; i++) {
+    if (condition()) return true;
+    usleep(100000);
+  }
+  return condition();
+}
