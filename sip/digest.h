@@ -7,13 +7,10 @@
 #include <vector>
 
 #include "core/string.h"
+#include "sip/credential.h"
 
 class SipMessage;
 
-struct Credential {
-  String user;
-  String password;
-};
 
 // The nonces handed out to one registration: nonce to the cnonce and nc seen with it.
 class NonceStore {

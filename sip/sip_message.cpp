@@ -404,8 +404,9 @@ std::vector<String> SipMessage::header_values(const String& name) const {
       return out;
     case SipHeader::other: break;
   }
-  // Credentials carry commas between their own parameters.
-  bool whole = name.equals_nocase(hdr_authorization) || name.equals_nocase(hdr_proxy_authorization);
+  // Credentials and challenges carry commas between their own parameters.
+  bool whole = name.equals_nocase(hdr_authorization) || name.equals_nocase(hdr_proxy_authorization) ||
+               name.equals_nocase(hdr_www_authenticate) || name.equals_nocase(hdr_proxy_authenticate);
   for (const SipParam& h : headers) {
     if (!h.name.equals_nocase(name)) continue;
     if (whole) out.push_back(h.value);

@@ -9,6 +9,7 @@
 #include "core/string.h"
 #include "core/tagged_text.h"
 #include "sip/body_part.h"
+#include "sip/credential.h"
 #include "sip/internal/small_list.h"
 #include "sip/name_addr.h"
 #include "sip/sip_names.h"
@@ -79,6 +80,8 @@ class SipMessage {
   int32_t port_index = -1;
   int32_t domain_id = 0;
   bool domain_known = false;
+  // Sending side: what the request answers a challenge with, once.
+  std::vector<Credential> credentials;
   SmallList<String, 4> via;
   NameAddrList route;
   NameAddrList record_route;

@@ -43,6 +43,8 @@ const String hdr_max_forwards("Max-Forwards");
 const String hdr_mime_version("MIME-Version");
 const String hdr_authorization("Authorization");
 const String hdr_proxy_authorization("Proxy-Authorization");
+const String hdr_www_authenticate("WWW-Authenticate");
+const String hdr_proxy_authenticate("Proxy-Authenticate");
 
 const String compact_from("f");
 const String compact_to("t");

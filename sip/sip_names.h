@@ -45,6 +45,8 @@ extern const String hdr_max_forwards;
 extern const String hdr_mime_version;
 extern const String hdr_authorization;
 extern const String hdr_proxy_authorization;
+extern const String hdr_www_authenticate;
+extern const String hdr_proxy_authenticate;
 
 extern const String compact_from;            // "f"
 extern const String compact_to;              // "t"

@@ -10,6 +10,7 @@
 #include "core/mutex.h"
 #include "core/random.h"
 #include "sip/branch.h"
+#include "sip/digest.h"
 #include "sip/dns_lines.h"
 #include "sip/dns_message.h"
 #include "sip/sip_hooks.h"
@@ -175,6 +176,8 @@ PendingRef make_pending(SipMessage&& m) {
   p->socket_key = m.socket_key;
   p->first_message = m;
   p->message = static_cast<SipMessage&&>(m);
+  p->credentials = std::move(p->message.credentials);
+  p->first_message.credentials.clear();
   int64_t life = p->message.timeout > 0 ? static_cast<int64_t>(p->message.timeout) * 1000 : pending_life_ms;
   p->life_timer.callback(service_queue, life, callback_argument(pending_packet_timeout, CallbackObject(p)));
   link_pending_packet(p->message.call_id, p);
@@ -518,6 +521,57 @@ void clear_pending_packets() {
   dialog_cseq.clear();
 }
 
+namespace {
+
+// The first challenge of the scheme Digest among the values of a header.
+String digest_challenge(const std::vector<String>& values) {
+  for (const String& v : values)
+    if (v.trim().word(0, ' ').equals_nocase(String("Digest"))) return v.trim();
+  return String();
+}
+
+// A request of ours that a peer challenged goes again, once, with the answer; an INVITE
+// first acknowledges the challenge. The challenge itself goes no further.
+bool answer_challenge(const PendingRef& p, const SipMessage& response) {
+  if (response.status < 400 || response.status > 499 || p->credentials.empty() || p->auth_attempts != 0)
+    return false;
+  bool proxy = false;
+  String challenge = digest_challenge(response.header_values(hdr_www_authenticate));
+  if (challenge.empty()) {
+    challenge = digest_challenge(response.header_values(hdr_proxy_authenticate));
+    proxy = true;
+  }
+  if (challenge.empty()) return false;
+  const Credential& credential = p->credentials.front();
+  log_sip(5, format("Answer challenge with username %s", credential.user));
+  p->auth_attempts++;
+  SipMessage again = p->first_message;
+  again.remove_header(hdr_authorization);
+  again.remove_header(hdr_proxy_authorization);
+  again.add_header(proxy ? hdr_proxy_authorization : hdr_authorization,
+                   answer_challenge_header(challenge, again.method, again.request_uri.text(), credential,
+                                           again.from.uri().host()));
+  again.socket_key = p->socket_key;
+  if (!p->transport.empty() && !p->target.empty())
+    again.preset_routes = format("%s %s %d %s", p->transport, adr_text(p->target.adr), p->target.port, p->socket_key);
+  if (again.method == method_invite) {
+    SipMessage ack(method_ack, again.from, response.to, again.call_id, String());
+    ack.request_uri = again.request_uri;
+    ack.route = again.route;
+    ack.ignore_route = again.ignore_route;
+    ack.proxy = again.proxy;
+    ack.preset_routes = again.preset_routes;
+    ack.socket_key = again.socket_key;
+    ack.cseq = response.cseq;
+    ack.invite_related = true;
+    send_request(static_cast<SipMessage&&>(ack));
+  }
+  send_request(static_cast<SipMessage&&>(again));
+  return true;
+}
+
+}  // namespace
+
 bool message_repetition(const SipMessage& m) {
   auto range = pending.equal_range(m.call_id);
   std::vector<PendingRef> same;
@@ -534,6 +588,7 @@ bool message_repetition(const SipMessage& m) {
       if (p->message.is_request && p->message.cseq_method == m.cseq_method) {
         if (m.status >= 200) p->final_seen = true;
         p->retransmit_timer.clear();
+        if (answer_challenge(p, m)) return true;
         return m.status < 180;
       }
       continue;

@@ -28,6 +28,8 @@ struct PendingPacket : std::enable_shared_from_this<PendingPacket> {
   Timeout life_timer;
   int interval_units = 0;
   Tick created;
+  int auth_attempts = 0;
+  std::vector<Credential> credentials;
   bool superseded = false;
   // Neighbours in the order of creation, so that the sweep of forgotten packets looks at
   // the oldest ones only.

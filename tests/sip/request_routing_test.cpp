@@ -9,6 +9,7 @@
 #include "core/posting.h"
 #include "core/tick.h"
 #include "core/timeout.h"
+#include "sip/digest.h"
 #include "sip/dns_message.h"
 #include "sip/domain_names.h"
 #include "sip/message_text.h"
@@ -508,6 +509,54 @@ TEST_F(RoutingTest, CallAnswersKeepTheConnectionOpen) {
   send_packet(over_udp);
   exchsrv_soap();
   EXPECT_EQ(idle_limits, std::vector<std::string>{"tls:12 7200"});
+}
+
+namespace {
+// The peer's challenge to a request we sent, as it comes back over the wire.
+String challenge_to(const String& sent_text, const char* header) {
+  SipMessage request(sent_text);
+  return format("SIP/2.0 401 Unauthorized\r\nVia: %s\r\nFrom: %s\r\nTo: %s;tag=peer\r\nCall-ID: %s\r\n"
+                "CSeq: %d %s\r\n%s: Digest realm=\"far.test\", nonce=\"n0nce\", qop=\"auth,auth-int\", opaque=\"op\"\r\n"
+                "Content-Length: 0\r\n\r\n",
+                request.via[0], request.from.text(), request.to.text(), request.call_id,
+                static_cast<int64_t>(request.cseq), request.method, String(header));
+}
+}  // namespace
+
+// A challenged INVITE is acknowledged and sent again once with the answer, to the same
+// hop; a second challenge goes up to the caller.
+TEST_F(RoutingTest, ChallengesAreAnsweredOnce) {
+  SipMessage invite(String("INVITE"), NameAddr(String("<sip:40@pbx.test>;tag=ours")), NameAddr(String("<sip:7@far.test>")),
+                    String("auth-1"), String());
+  invite.request_uri = String("sip:7@far.test");
+  invite.preset_routes = String("udp 127.0.0.9 5099");
+  invite.credentials = {{String("trunkuser"), String("trunkpass")}};
+  send_packet(invite);
+  exchsrv_soap();
+  ASSERT_EQ(sent.size(), 1u);
+  LogCapture log;
+  receive(challenge_to(sent[0].text, "Proxy-Authenticate"), "127.0.0.9", 5099);
+  ASSERT_EQ(sent.size(), 3u);
+  SipMessage ack(sent[1].text), again(sent[2].text);
+  EXPECT_EQ(ack.method, String("ACK"));
+  EXPECT_EQ(ack.cseq, SipMessage(sent[0].text).cseq);
+  EXPECT_EQ(ack.to.tag(), String("peer"));
+  EXPECT_EQ(again.method, String("INVITE"));
+  EXPECT_EQ(again.cseq, ack.cseq + 1);
+  EXPECT_EQ(sent[2].order.destination, sent[0].order.destination);
+  EXPECT_TRUE(log.contains("Answer challenge with username trunkuser"));
+  EXPECT_TRUE(local_responses.empty()) << "the answered challenge went up";
+  // The answer is one the peer accepts.
+  NonceStore nonces;
+  nonces.adopt(String("n0nce"));
+  String authorization = again.header(String("Proxy-Authorization"));
+  EXPECT_TRUE(authorization.contains(String("opaque=\"op\""))) << to_std(authorization);
+  EXPECT_EQ(check_digest(authorization, String("INVITE"), String("sip:7@far.test"), String("far.test"),
+                         Credential{String("trunkuser"), String("trunkpass")}, nonces),
+            digest_ok);
+  receive(challenge_to(sent[2].text, "Proxy-Authenticate"), "127.0.0.9", 5099);
+  ASSERT_EQ(local_responses.size(), 1u);
+  EXPECT_EQ(local_responses[0].status, 401);
 }
 
 // More than max_udp_invite new INVITEs over UDP within a second are refused.
