@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <algorithm>
 #include <fstream>
 #include <memory>
 #include <sstream>
@@ -27,12 +28,18 @@ const int refreshes_per_call = 20;
 
 struct Options {
   bool options = true, soak = true, registrar = true;
-  std::vector<int> rates = {5000, 10000, 15000, 20000, 25000, 30000};
-  int step_seconds = 5;
+  std::vector<int> rates = {1000, 2000, 3000, 4000, 5000, 6000, 8000, 10000,
+                            15000, 20000, 25000, 30000, 35000, 40000};
+  int step_seconds = 10;
+  int daemon_step_seconds = 40;
   int soak_seconds = 120;
   int soak_rate = 2000;
   int users = 10000;
   int open_calls = 200;  // sipp's -l in the registrar runs
+  // Bindings refreshed. The daemon keeps each transaction about 14 kB for 32 s and ends
+  // itself at its data limit of 2 GB; 10,000 admissions with 20 refreshes each within
+  // that time took it past the limit.
+  int refresh_users = 4000;
 };
 
 std::string scenario(const std::string& relative) { return source_dir() + "/" + relative; }
@@ -44,10 +51,16 @@ std::string load_average() {
   return a + " " + b + " " + c;
 }
 
-void print_run(const char* server, const char* what, const SippOutcome& r) {
-  printf("  %-8s %-22s %9.0f/s  ok %ld  failed %ld  retrans %ld  %.2f s  exit %d\n", server, what, r.per_second(),
+void print_run(const PeerServer& server, const char* what, const SippOutcome& r) {
+  printf("  %-8s %-22s %9.0f/s  ok %ld  failed %ld  retrans %ld  %.2f s  exit %d\n",
+         server.name(), what, r.per_second(),
          r.successful, r.failed, r.retransmissions, r.seconds, r.exit_code);
-  if (r.exit_code != 0 && r.failed == 0 && r.successful == 0) printf("%s\n", r.output.c_str());
+  if (r.server_gone) {
+    std::string how = server.end_note();
+    printf("  %-8s ENDED during the run%s%s; sipp was stopped\n", server.name(), how.empty() ? "" : ": ",
+           how.c_str());
+  }
+  if (r.exit_code != 0 && r.failed == 0 && r.successful == 0 && !r.server_gone) printf("%s\n", r.output.c_str());
 }
 
 // The highest step of the ladder that sipp kept up with and that saw no failure.
@@ -55,24 +68,35 @@ struct OptionsResult {
   int sustained_rate = 0;
   double sustained_per_second = 0;
   double best_per_second = 0;
+  int top_rate = 0;  // the last step tried
 };
 
-OptionsResult options_ladder(PeerServer& server, const Options& o, std::string& command) {
+// Each step runs against a fresh server, so that what one step leaves in memory does not
+// weigh on the next.
+template <class Start>
+OptionsResult options_ladder(Start start, int step_seconds, const Options& o, std::string& command) {
   OptionsResult out;
   for (int rate : o.rates) {
+    std::unique_ptr<PeerServer> server = start();
+    if (!server->answering() || !server->settled()) {
+      printf("  %s did not answer or stayed busy on port %d\n", server->name(), server->port());
+      break;
+    }
     SippLoad load;
     load.scenario = scenario("tests/e2e/sipp/options.xml");
-    load.port = server.port();
+    load.port = server->port();
     load.rate = rate;
-    load.calls = static_cast<long>(rate) * o.step_seconds;
+    load.calls = static_cast<long>(rate) * step_seconds;
     load.cpu = sipp_cpu;
+    load.watch_pid = server->pid();
     SippOutcome r = run_sipp_load(load);
     command = r.command;
     std::string what = "OPTIONS at " + std::to_string(rate) + "/s";
-    print_run(server.name(), what.c_str(), r);
+    print_run(*server, what.c_str(), r);
+    out.top_rate = rate;
     if (r.per_second() > out.best_per_second) out.best_per_second = r.per_second();
     // Kept up: every call done, none failed, and not much later than the rate allows.
-    bool kept_up = r.failed == 0 && r.successful == load.calls && r.seconds <= o.step_seconds * 1.1 + 0.5;
+    bool kept_up = r.failed == 0 && r.successful == load.calls && r.seconds <= step_seconds * 1.1 + 0.5;
     if (!kept_up) break;
     out.sustained_rate = rate;
     out.sustained_per_second = r.per_second();
@@ -81,43 +105,29 @@ OptionsResult options_ladder(PeerServer& server, const Options& o, std::string& 
 }
 
 void run_options(const Options& o) {
-  printf("\n== OPTIONS over UDP: a ladder of fixed rates, %d s each; the highest step with every call\n"
-         "   answered, no failure and no lag is the sustained rate\n", o.step_seconds);
+  printf("\n== OPTIONS over UDP: a ladder of fixed rates, a fresh server for each step; the highest\n"
+         "   step with every call answered, no failure and no lag is the sustained rate. exchsrv\n"
+         "   steps last %d s (its transaction memory fills for 32 s before it is steady),\n"
+         "   kamailio's %d s (it answers statelessly)\n", o.daemon_step_seconds, o.step_seconds);
   std::string command;
-  OptionsResult daemon_result, kamailio_result;
-  {
-    DaemonPeer daemon(peer_users(2), server_cpu);
-    if (!daemon.answering()) {
-      printf("  the daemon did not answer on port %d\n", daemon.port());
-      return;
-    }
-    daemon_result = options_ladder(daemon, o, command);
-  }
-  {
-    KamailioPeer kamailio("secret", server_cpu);
-    if (!kamailio.answering()) {
-      printf("  kamailio did not answer on port %d\n", kamailio.port());
-      return;
-    }
-    kamailio_result = options_ladder(kamailio, o, command);
-  }
-  printf("  sipp: %s\n", command.c_str());
-  printf("  sustained: exchsrv %d/s (%.0f/s measured), kamailio %d/s (%.0f/s measured)\n",
-         daemon_result.sustained_rate, daemon_result.sustained_per_second, kamailio_result.sustained_rate,
-         kamailio_result.sustained_per_second);
-  printf("  best step: exchsrv %.0f/s, kamailio %.0f/s\n", daemon_result.best_per_second,
-         kamailio_result.best_per_second);
-  if (kamailio_result.sustained_rate > 0)
-    printf("  exchsrv / kamailio (sustained): %.0f%% (target 70%%)%s\n",
-           100.0 * daemon_result.sustained_rate / kamailio_result.sustained_rate,
-           kamailio_result.sustained_rate == o.rates.back() ? "; kamailio reached the top of the ladder" : "");
+  OptionsResult d = options_ladder([] { return std::make_unique<DaemonPeer>(peer_users(2), server_cpu); },
+                                   o.daemon_step_seconds, o, command);
+  OptionsResult k = options_ladder([] { return std::make_unique<KamailioPeer>("secret", server_cpu); },
+                                   o.step_seconds, o, command);
+  printf("  sipp (last step): %s\n", command.c_str());
+  printf("  sustained: exchsrv %d/s (%.0f/s measured), kamailio %d/s (%.0f/s measured)%s\n", d.sustained_rate,
+         d.sustained_per_second, k.sustained_rate, k.sustained_per_second,
+         k.sustained_rate == o.rates.back() ? "; kamailio reached the top of the ladder" : "");
+  printf("  best step: exchsrv %.0f/s, kamailio %.0f/s\n", d.best_per_second, k.best_per_second);
+  if (k.sustained_rate > 0)
+    printf("  exchsrv / kamailio (sustained): %.0f%% (target 70%%)\n", 100.0 * d.sustained_rate / k.sustained_rate);
 }
 
 void run_soak(const Options& o) {
   printf("\n== Soak: OPTIONS at %d/s for %d s against exchsrv, resident memory every 5 s\n", o.soak_rate,
          o.soak_seconds);
   DaemonPeer daemon(peer_users(2), server_cpu);
-  if (!daemon.answering()) {
+  if (!daemon.answering() || !daemon.settled()) {
     printf("  the daemon did not answer on port %d\n", daemon.port());
     return;
   }
@@ -133,10 +143,11 @@ void run_soak(const Options& o) {
   load.calls = static_cast<long>(o.soak_rate) * o.soak_seconds;
   load.cpu = sipp_cpu;
   load.max_seconds = o.soak_seconds + 60;
+  load.watch_pid = daemon.pid();
   SippOutcome r = run_sipp_load(load, 5, [&](double t) { samples.push_back({static_cast<int>(t + 0.5), daemon.resident_kb()}); });
   samples.push_back({static_cast<int>(r.seconds + 0.5), daemon.resident_kb()});
   printf("  sipp: %s\n", r.command.c_str());
-  print_run(daemon.name(), "OPTIONS soak", r);
+  print_run(daemon, "OPTIONS soak", r);
   printf("  VmRSS (kB) by second:");
   for (size_t i = 0; i < samples.size(); i++) printf("%s %d:%ld", i % 8 == 0 ? "\n   " : "", samples[i].at, samples[i].kb);
   printf("\n");
@@ -164,6 +175,12 @@ struct RegistrarResult {
   long failed = 0;
 };
 
+// The daemon remembers every transaction for 32 s; a run that starts sooner than that
+// after the last one pays for what the last one left behind.
+void forget_transactions(const DaemonPeer* daemon) {
+  if (daemon) sleep(33);
+}
+
 RegistrarResult registrar_runs(PeerServer& server, DaemonPeer* daemon, const std::string& users_file,
                                const Options& o, std::vector<std::string>& commands) {
   RegistrarResult out;
@@ -174,13 +191,16 @@ RegistrarResult registrar_runs(PeerServer& server, DaemonPeer* daemon, const std
   load.limit = o.open_calls;
   load.cpu = sipp_cpu;
   load.extra = {"-inf", users_file};
+  load.watch_pid = server.pid();
   load.scenario = scenario("tests/e2e/sipp/register.xml");
   SippOutcome fresh = run_sipp_load(load);
-  print_run(server.name(), "new bindings", fresh);
+  print_run(server, "new bindings", fresh);
   out.new_per_second = fresh.per_second();
   out.failed += fresh.failed;
-  commands.push_back(fresh.command);
+  commands[0] = fresh.command;
+  if (fresh.server_gone) return out;
   if (daemon) {
+    printf("  %-8s VmRSS %ld kB\n", server.name(), daemon->resident_kb());
     int rows = 0;
     for (int i = 0; i < 300 && rows < o.users; i++) {
       rows = daemon->registration_rows();
@@ -190,19 +210,26 @@ RegistrarResult registrar_runs(PeerServer& server, DaemonPeer* daemon, const std
   }
   // The same challenge and admission again, on bindings that exist now: the part of the
   // refresh run below that is not a refresh.
+  load.calls = std::min(o.refresh_users, o.users);
+  forget_transactions(daemon);
   SippOutcome again = run_sipp_load(load);
-  print_run(server.name(), "re-admission", again);
+  print_run(server, "re-admission", again);
+  if (daemon) printf("  %-8s VmRSS %ld kB\n", server.name(), daemon->resident_kb());
   out.rebind_seconds = again.seconds;
   out.failed += again.failed;
+  if (again.server_gone) return out;
   load.scenario = scenario("bench/sipp/register_refresh.xml");
+  forget_transactions(daemon);
   SippOutcome refresh = run_sipp_load(load);
   std::string what = "admission+" + std::to_string(refreshes_per_call) + " refreshes";
-  print_run(server.name(), what.c_str(), refresh);
+  print_run(server, what.c_str(), refresh);
   out.failed += refresh.failed;
-  commands.push_back(refresh.command);
+  commands[1] = refresh.command;
   double span = refresh.seconds - again.seconds;
-  if (span > 0) out.refresh_per_second = static_cast<double>(refresh.successful) * refreshes_per_call / span;
-  if (daemon) printf("  %-8s registrations table: %d rows\n", server.name(), daemon->registration_rows());
+  if (span > 0 && !refresh.server_gone) out.refresh_per_second = static_cast<double>(refresh.successful) * refreshes_per_call / span;
+  if (daemon)
+    printf("  %-8s registrations table: %d rows; VmRSS %ld kB\n", server.name(), daemon->registration_rows(),
+           server.resident_kb());
   return out;
 }
 
@@ -210,10 +237,11 @@ void run_registrar(const Options& o) {
   printf("\n== Registrar over UDP: %d users, sipp -l %d open calls at a time\n"
          "   new binding: REGISTER, 401, REGISTER with Authorization, 200\n"
          "   refresh: REGISTER with Authorization on the same Call-ID (nonce reused), 200;\n"
-         "   refreshes/s = %d refreshes x users / (time of admission+refreshes - time of re-admission)\n"
+         "   refreshes/s = %d refreshes x %d users / (time of admission+refreshes - time of re-admission)\n"
          "   kamailio keeps bindings in memory only (usrloc db_mode 0); exchsrv writes each to its\n"
-         "   registrations table\n",
-         o.users, o.open_calls, refreshes_per_call);
+         "   registrations table. exchsrv's runs start 33 s apart, after its transaction memory\n"
+         "   (32 s) has emptied\n",
+         o.users, o.open_calls, refreshes_per_call, std::min(o.refresh_users, o.users));
   TempDir dir;
   std::vector<PeerUser> users = peer_users(o.users);
   std::string users_file = dir.file("users.csv");
@@ -221,11 +249,11 @@ void run_registrar(const Options& o) {
     printf("  could not write %s\n", users_file.c_str());
     return;
   }
-  std::vector<std::string> commands;
+  std::vector<std::string> commands = {"", ""};
   RegistrarResult d, k;
   {
     DaemonPeer daemon(users, server_cpu);
-    if (!daemon.answering(60)) {
+    if (!daemon.answering(60) || !daemon.settled()) {
       printf("  the daemon did not answer on port %d\n", daemon.port());
       return;
     }
@@ -233,7 +261,7 @@ void run_registrar(const Options& o) {
   }
   {
     KamailioPeer kamailio("secret", server_cpu);
-    if (!kamailio.answering()) {
+    if (!kamailio.answering() || !kamailio.settled()) {
       printf("  kamailio did not answer on port %d\n", kamailio.port());
       return;
     }
@@ -260,6 +288,7 @@ std::vector<int> parse_rates(const char* text) {
 void usage() {
   fprintf(stderr,
           "usage: sip_peer_compare [--only options|soak|registrar] [--rates R1,R2,...] [--step-seconds N]\n"
+          "                        [--daemon-step-seconds N] [--refresh-users N]\n"
           "                        [--soak-seconds N] [--soak-rate N] [--users N] [--open-calls N]\n");
 }
 
@@ -283,10 +312,14 @@ int main(int argc, char** argv) {
       o.rates = parse_rates(v);
     } else if (a == "--step-seconds") {
       o.step_seconds = std::atoi(v);
+    } else if (a == "--daemon-step-seconds") {
+      o.daemon_step_seconds = std::atoi(v);
     } else if (a == "--soak-seconds") {
       o.soak_seconds = std::atoi(v);
     } else if (a == "--soak-rate") {
       o.soak_rate = std::atoi(v);
+    } else if (a == "--refresh-users") {
+      o.refresh_users = std::atoi(v);
     } else if (a == "--users") {
       o.users = std::atoi(v);
     } else if (a == "--open-calls") {

@@ -9,6 +9,7 @@
 
 #include <cstdio>
 #include <fstream>
+#include <sstream>
 #include <string>
 
 #include "bench/sipp_load.h"
@@ -94,12 +95,59 @@ bool PeerServer::answering(int seconds) const {
   return false;
 }
 
+namespace {
+
+// User and system time of all threads of a process, in clock ticks.
+long cpu_ticks(pid_t pid) {
+  std::ifstream f("/proc/" + std::to_string(pid) + "/stat");
+  std::string line;
+  std::getline(f, line);
+  size_t close_paren = line.rfind(')');
+  if (close_paren == std::string::npos) return -1;
+  std::istringstream rest(line.substr(close_paren + 2));
+  std::string field;
+  long utime = 0, stime = 0;
+  // Fields 3 to 13 come before utime (14) and stime (15).
+  for (int i = 3; i <= 15 && rest >> field; i++) {
+    if (i == 14) utime = std::atol(field.c_str());
+    if (i == 15) stime = std::atol(field.c_str());
+  }
+  return utime + stime;
+}
+
+}  // namespace
+
+bool PeerServer::settled(int seconds) const {
+  long ticks_per_second = sysconf(_SC_CLK_TCK);
+  long before = cpu_ticks(pid_);
+  for (int i = 0; i < seconds * 2; i++) {
+    usleep(500000);
+    long now = cpu_ticks(pid_);
+    if (now < 0) return false;
+    if ((now - before) * 20 < ticks_per_second / 2) return true;
+    before = now;
+  }
+  return false;
+}
+
 long PeerServer::resident_kb() const {
   std::ifstream f("/proc/" + std::to_string(pid_) + "/status");
   std::string line;
   while (std::getline(f, line))
     if (line.rfind("VmRSS:", 0) == 0) return std::atol(line.c_str() + 6);
   return -1;
+}
+
+std::string PeerServer::end_note() const {
+  std::ifstream f("/proc/" + std::to_string(pid_) + "/stat");
+  std::string line;
+  std::getline(f, line);
+  size_t close_paren = line.rfind(')');
+  if (close_paren == std::string::npos || line.size() < close_paren + 3 || line[close_paren + 2] != 'Z') return {};
+  // The last field is the status that waitpid would return.
+  int status = std::atoi(line.c_str() + line.find_last_of(' ') + 1);
+  if (WIFSIGNALED(status)) return "signal " + std::to_string(WTERMSIG(status));
+  return "exit " + std::to_string(WEXITSTATUS(status));
 }
 
 DaemonPeer::DaemonPeer(const std::vector<PeerUser>& users, int cpu) : dir_(std::make_unique<TempDir>()) {

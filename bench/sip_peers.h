@@ -30,8 +30,13 @@ class PeerServer {
   pid_t pid() const { return pid_; }
   // Waits until an OPTIONS is answered on the port.
   bool answering(int seconds = 20) const;
+  // Waits (at most `seconds`) until the process has used less than 5% of a core over half
+  // a second, so that start-up work is not measured. False if it stayed busy.
+  bool settled(int seconds = 30) const;
   // Resident memory of the main process in kB, from /proc; -1 if unknown.
   long resident_kb() const;
+  // How a process that has ended but was not yet waited for ended ("signal 6"), or empty.
+  std::string end_note() const;
 
  protected:
   int port_ = 0;

@@ -11,6 +11,7 @@
 #include <fstream>
 #include <sstream>
 
+#include "tests/e2e/daemon_runner.h"
 #include "tests/e2e/sipp_runner.h"
 #include "tests/support/test_support.h"
 
@@ -57,7 +58,7 @@ SippOutcome run_sipp_load(const SippLoad& load, int tick_seconds, const std::fun
                                    "-m", std::to_string(load.calls), "-r", std::to_string(load.rate)};
   if (load.limit > 0) args.insert(args.end(), {"-l", std::to_string(load.limit)});
   args.insert(args.end(), {"-i", "127.0.0.1", "-p", std::to_string(free_udp_port()), "-nostdin", "-trace_stat",
-                           "-stf", stats, "-timeout", std::to_string(load.max_seconds) + "s", "-timeout_error"});
+                           "-fd", "1", "-stf", stats, "-timeout", std::to_string(load.max_seconds) + "s", "-timeout_error"});
   args.insert(args.end(), load.extra.begin(), load.extra.end());
   out.command = "taskset -c " + std::to_string(load.cpu);
   for (const std::string& a : args) out.command += " " + (a == stats ? std::string("stats.csv") : a);
@@ -85,11 +86,15 @@ SippOutcome run_sipp_load(const SippLoad& load, int tick_seconds, const std::fun
   if (pid < 0) return out;
   double next_tick = tick_seconds;
   int status = 0;
+  long polls = 0;
   for (;;) {
     pid_t done = waitpid(pid, &status, WNOHANG);
     if (done == pid) break;
     double t = seconds_since(start);
-    if (t > load.max_seconds + 30) {
+    // A server that died leaves sipp retransmitting until its own time-out.
+    bool gone = load.watch_pid > 0 && ++polls % 100 == 0 && !process_alive(load.watch_pid);
+    if (gone) out.server_gone = true;
+    if (gone || t > load.max_seconds + 30) {
       kill(pid, SIGKILL);
       waitpid(pid, &status, 0);
       break;

@@ -15,6 +15,7 @@ struct SippLoad {
   std::vector<std::string> extra;       // further arguments, such as -inf
   int cpu = 1;
   int max_seconds = 600;                // killed after this
+  int watch_pid = 0;                    // the server: sipp is stopped when it is gone
 };
 
 struct SippOutcome {
@@ -24,6 +25,7 @@ struct SippOutcome {
   long failed = 0;
   long retransmissions = 0;
   double seconds = 0;   // wall clock from start to exit
+  bool server_gone = false;
   std::string output;   // the tail of what sipp wrote
   double per_second() const { return seconds > 0 ? successful / seconds : 0; }
 };
