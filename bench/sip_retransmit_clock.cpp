@@ -1,19 +1,26 @@
 // When does a request to a silent UDP peer go out again, by the wall clock? The service
-// queue runs here on the real clock; each send order is carried out over a real UDP
-// socket towards a socket that answers nothing and notes when each datagram of the
-// Call-ID arrives. Printed against the intended times. Run by hand; takes about 33 s.
+// queue is served here as the daemon's timer thread serves it (scheduler_wait on the real
+// clock); each send order is carried out over a real UDP socket towards a socket that
+// answers nothing, and a second thread notes when each datagram of the Call-ID arrives.
+// Printed against the intended times. Run by hand; takes about 32 s.
 #include <poll.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <map>
+#include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "core/format.h"
+#include "core/mutex.h"
 #include "core/posting.h"
 #include "core/timeout.h"
 #include "core/udp_socket.h"
+#include "core/wakeup.h"
 #include "sip/message_text.h"
 #include "sip/request_routing.h"
 #include "sip/sip_hooks.h"
@@ -26,8 +33,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 Clock::time_point start;
 UdpSocket sender;
-std::vector<double> order_ms;   // when the control half was told to send
-double timeout_ms = -1;         // when the local 408 came back
+double timeout_ms = -1;  // when the local 408 came back
 
 double now_ms() { return std::chrono::duration<double, std::milli>(Clock::now() - start).count(); }
 
@@ -36,7 +42,6 @@ String no_setting(const String&) { return String(); }
 void carry_out(const String& value) {
   SendOrder order;
   if (!read_send_order(value, order)) return;
-  order_ms.push_back(now_ms());
   LocalEnd end;
   end.ip = String("127.0.0.1");
   end.port = sender.port;
@@ -61,36 +66,45 @@ int main() {
   routing_hooks.dialog_response = note_timeout;
   register_control_handler(tag_sip_send, carry_out);
 
+  // Arrival times at the silent peer by Call-ID.
+  std::mutex arrivals_lock;
+  std::map<std::string, std::vector<double>> arrivals;
+  std::atomic<bool> done{false};
+  std::thread peer([&] {
+    while (!done.load()) {
+      pollfd p = {silent.fd, POLLIN, 0};
+      if (poll(&p, 1, 50) != 1) continue;
+      String text;
+      Address from;
+      while (silent.receive(text, from) && !text.empty()) {
+        double at = now_ms();
+        SipMessage got(text);
+        std::lock_guard<std::mutex> g(arrivals_lock);
+        arrivals[std::string(got.call_id.c_data(), got.call_id.length())].push_back(at);
+      }
+    }
+  });
+
   const String call_id("retransmit-clock");
   SipMessage m(String("OPTIONS"), NameAddr(String("<sip:pbx@127.0.0.1>;tag=rc")),
                NameAddr(String("<sip:peer@127.0.0.1>")), call_id, String());
   m.request_uri = format("sip:peer@127.0.0.1:%d", silent.port);
+  Wakeup w;
+  srv_run_mutex.lock("sip_retransmit_clock", 1);
   start = Clock::now();
   send_packet(m);
   exchsrv_soap();
-
-  // Arrival times at the silent peer by Call-ID.
-  std::map<std::string, std::vector<double>> arrivals;
-  while (now_ms() < 34000) {
-    Tick now;
-    uint64_t id;
-    int64_t due = service_queue.delay(now, id, true);
-    int wait = due < 0 ? 100 : static_cast<int>(due < 100 ? due : 100);
-    pollfd p = {silent.fd, POLLIN, 0};
-    if (poll(&p, 1, wait) == 1) {
-      String text;
-      Address from;
-      while (silent.receive(text, from) && !text.empty()) {
-        SipMessage got(text);
-        arrivals[std::string(got.call_id.c_data(), got.call_id.length())].push_back(now_ms());
-      }
-      continue;
-    }
-    if (due == 0 || (due > 0 && service_queue.delay(now, id, true) == 0)) {
+  // The transaction ends with the local 408, after which the queue has nothing left.
+  while (timeout_ms < 0 && now_ms() < 40000) {
+    if (scheduler_wait(service_queue, srv_run_mutex, w, nullptr)) {
       service_queue.next();
       exchsrv_soap();
     }
   }
+  srv_run_mutex.unlock("sip_retransmit_clock", 2);
+  usleep(100000);
+  done.store(true);
+  peer.join();
 
   const double expected[] = {0, 500, 1500, 3500, 7500, 11500, 15500, 19500, 23500, 27500, 31500};
   const std::vector<double>& got = arrivals[std::string(call_id.c_data(), call_id.length())];
