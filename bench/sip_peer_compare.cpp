@@ -4,10 +4,10 @@
 // see bench/README.md.
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <algorithm>
 #include <fstream>
 #include <memory>
 #include <sstream>
@@ -228,10 +228,11 @@ RegistrarResult registrar_runs(PeerServer& server, DaemonPeer* daemon, const std
   out.failed += refresh.failed;
   commands[1] = refresh.command;
   double span = refresh.seconds - again.seconds;
-  if (span > 0 && !refresh.server_gone) out.refresh_per_second = static_cast<double>(refresh.successful) * refreshes_per_call / span;
+  if (span > 0 && !refresh.server_gone)
+    out.refresh_per_second = static_cast<double>(refresh.successful) * refreshes_per_call / span;
   if (daemon)
     printf("  %-8s registrations table: %d rows; VmRSS %ld kB\n", server.name(), daemon->registration_rows(),
-           server.resident_kb());
+           daemon->resident_kb());
   return out;
 }
 
