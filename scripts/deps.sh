@@ -9,8 +9,8 @@ build_pkgs=(cmake ninja-build g++ googletest libgtest-dev libgmock-dev libbenchm
 test_pkgs=(python3 unicode-data openssl coreutils clang-14 libclang-rt-14-dev
            python3-cryptography-vectors libxml2-utils libsofia-sip-ua-dev nodejs sip-tester baresip
            dnsmasq-base)
-# Only what the benchmarks compare against; the build never needs them.
-bench_pkgs=(nlohmann-json3-dev libsqlite3-dev)
+# Only what the benchmarks compare against or drive them with; the build never needs them.
+bench_pkgs=(nlohmann-json3-dev libsqlite3-dev kamailio sip-tester)
 
 want=("${build_pkgs[@]}")
 if [ "${1:-}" = "test" ]; then
