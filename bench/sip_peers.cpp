@@ -34,13 +34,6 @@ void on_cpu(int cpu, F start) {
   sched_setaffinity(0, sizeof saved, &saved);
 }
 
-bool write_text(const std::string& path, const std::string& text) {
-  FILE* f = fopen(path.c_str(), "w");
-  if (!f) return false;
-  bool ok = fputs(text.c_str(), f) >= 0;
-  return fclose(f) == 0 && ok;
-}
-
 std::string kamailio_config(int port, const std::string& password) {
   std::string p = std::to_string(port);
   return "#!KAMAILIO\n"

@@ -55,7 +55,8 @@ void set_via_transport(SipMessage& m, const String& word) {
 }
 
 void send_a_packet(const PendingRef& p) {
-  SipMessage& m = p->message;
+  if (!p->message) return;  // let go: only its text is left, and that went out already
+  SipMessage& m = *p->message;
   String word = p->transport.empty() ? String("udp") : p->transport;
   if (word != "udp" && word != "tcp" && word != "tls") {
     log_sip(4, format("send_a_packet: Transport %s not supported", word));
@@ -82,8 +83,8 @@ void arm_retransmission(const PendingRef& p) {
 // A response built here when a request can't go anywhere; it takes the path of a
 // received response so that the caller sees one way for remote and local failure.
 void local_response(const PendingRef& p, int status, const char* reason) {
-  if (!p->message.is_request || p->message.method == method_ack) return;
-  SipMessage r(status, String(reason), p->first_message.is_request ? p->first_message : p->message);
+  if (!p->is_request || p->method == method_ack || !p->first_message) return;
+  SipMessage r(status, String(reason), *p->first_message);
   r.received = String("local");
   if (response_sink) response_sink(r);
 }
@@ -92,9 +93,9 @@ void resend_packet(const CallbackObject& o) {
   PendingRef p = ref_of(o);
   must_own(srv_run_mutex, "resend_packet", 1);
   if (p->final_seen) return;
-  if (p->retransmit && !p->target.empty() && p->transport == "udp" && p->message.method != method_discover) {
+  if (p->retransmit && !p->target.empty() && p->transport == "udp" && p->method != method_discover) {
     // Requests other than INVITE stop doubling at 4 s; INVITE goes on until its life ends.
-    if (!p->message.is_request || p->message.method == method_invite || p->interval_units < 8) p->interval_units *= 2;
+    if (!p->is_request || p->method == method_invite || p->interval_units < 8) p->interval_units *= 2;
     post_send_order([&] {
       SendOrder order;
       order.socket_key = p->socket_key;
@@ -114,13 +115,12 @@ void pending_packet_timeout(const CallbackObject& o) {
   PendingRef p = ref_of(o);
   must_own(srv_run_mutex, "pending_packet_timeout", 1);
   p->retransmit_timer.clear();
-  if (p->message.is_request && !p->final_seen) {
+  if (p->is_request && !p->final_seen) {
     local_response(p, 408, "Request Timeout");
-  } else if (!p->message.is_request && !p->final_seen && p->message.cseq_method == method_invite &&
-             p->message.status >= 200) {
-    log_sip(4, format("Did not receive ACK, disconnecting call %s", p->message.call_id));
+  } else if (!p->is_request && !p->final_seen && p->cseq_method == method_invite && p->status >= 200) {
+    log_sip(4, format("Did not receive ACK, disconnecting call %s", p->call_id));
   }
-  erase_pending_packet(p, p->message.call_id);
+  erase_pending_packet(p, p->call_id);
 }
 
 void age_link(PendingPacket* p) {
@@ -163,7 +163,7 @@ void link_pending_packet(const String& call_id, const PendingRef& p) {
       log_sip(5, String("Found expired pending packet"));
       expired->retransmit_timer.clear();
       expired->life_timer.clear();
-      unlink_pending(expired, expired->message.call_id);
+      unlink_pending(expired, expired->call_id);
     }
   }
   pending.emplace(call_id, p);
@@ -174,13 +174,21 @@ PendingRef make_pending(SipMessage&& m) {
   auto p = std::make_shared<PendingPacket>();
   p->created = Tick::now();
   p->socket_key = m.socket_key;
-  p->first_message = m;
-  p->message = static_cast<SipMessage&&>(m);
-  p->credentials = std::move(p->message.credentials);
-  p->first_message.credentials.clear();
-  int64_t life = p->message.timeout > 0 ? static_cast<int64_t>(p->message.timeout) * 1000 : pending_life_ms;
+  p->call_id = m.call_id;
+  p->from_tag = m.from.tag();
+  p->cseq = m.cseq;
+  p->method = m.method;
+  p->cseq_method = m.cseq_method;
+  p->status = m.status;
+  p->is_request = m.is_request;
+  p->tls_only = m.tls_only;
+  p->credentials = std::move(m.credentials);
+  m.credentials.clear();
+  int64_t life = m.timeout > 0 ? static_cast<int64_t>(m.timeout) * 1000 : pending_life_ms;
+  if (m.is_request) p->first_message = std::make_unique<SipMessage>(m);
+  p->message = std::make_unique<SipMessage>(static_cast<SipMessage&&>(m));
   p->life_timer.callback(service_queue, life, callback_argument(pending_packet_timeout, CallbackObject(p)));
-  link_pending_packet(p->message.call_id, p);
+  link_pending_packet(p->call_id, p);
   return p;
 }
 
@@ -204,7 +212,7 @@ void expand_url(const PendingRef& p, const String& uri_text) {
     String wanted = tls ? String("tls") : transport == "tcp" || transport == "udp" ? transport : String();
     lines.push_back(wanted.empty() ? format("naptr %s", host) : format("naptr %s %s", host, wanted));
   }
-  for (auto it = lines.rbegin(); it != lines.rend(); ++it) p->resolve_list.push_front(*it);
+  for (auto it = lines.rbegin(); it != lines.rend(); ++it) p->resolve_list.insert(p->resolve_list.begin(), *it);
 }
 
 void retry_route(const CallbackObject& o) { route_pending_packet(ref_of(o)); }
@@ -219,12 +227,12 @@ bool dns_text(const PendingRef& p, const String& name, int type, String& text) {
 }
 
 void push_lines_front(const PendingRef& p, const std::vector<String>& lines) {
-  for (auto it = lines.rbegin(); it != lines.rend(); ++it) p->resolve_list.push_front(*it);
+  for (auto it = lines.rbegin(); it != lines.rend(); ++it) p->resolve_list.insert(p->resolve_list.begin(), *it);
 }
 
 // What ENUM expressions are applied to: the user and host of the request's URI.
 String enum_subject(const PendingRef& p) {
-  const SipUri& uri = p->message.request_uri;
+  const SipUri& uri = p->message->request_uri;
   return uri.user().empty() ? uri.host() : format("%s@%s", uri.user(), uri.host());
 }
 
@@ -236,7 +244,7 @@ bool resolve_line(const PendingRef& p, const String& verb, const String& line) {
     String host = line.word(1, ' '), wanted = is_enum ? String() : line.word(2, ' ');
     String records;
     if (!dns_text(p, host, dns_naptr, records)) return false;
-    p->resolve_list.pop_front();
+    p->resolve_list.erase(p->resolve_list.begin());
     if (!records.empty()) push_lines_front(p, naptr_lines(records, wanted, is_enum, enum_subject(p)));
     else if (!is_enum) push_lines_front(p, naptr_fallback_lines(host, wanted, 0));
     return true;
@@ -245,11 +253,11 @@ bool resolve_line(const PendingRef& p, const String& verb, const String& line) {
     String transport = line.word(1, ' '), name = line.word(2, ' ');
     String records;
     if (!dns_text(p, name, dns_srv, records)) return false;
-    p->resolve_list.pop_front();
+    p->resolve_list.erase(p->resolve_list.begin());
     int names = 0;
     std::vector<String> lines = srv_lines(records, transport, startup_options.use_ipv4, startup_options.use_ipv6, names);
     // Every target name costs up to four more lines (its look-ups and the send).
-    if (p->message.method != method_discover)
+    if (p->method != method_discover)
       for (int i = 0; i < names && p->max_iterations < 100; i++) p->max_iterations += 4;
     push_lines_front(p, lines);
     return true;
@@ -261,7 +269,7 @@ bool resolve_line(const PendingRef& p, const String& verb, const String& line) {
   String adr = parse_adr(host);
   bool v6 = verb == "aaaa";
   if (!adr.empty() && (adr.length() == 16) != v6) {
-    p->resolve_list.pop_front();
+    p->resolve_list.erase(p->resolve_list.begin());
     return true;
   }
   if (adr.empty()) {
@@ -270,8 +278,8 @@ bool resolve_line(const PendingRef& p, const String& verb, const String& line) {
     adr = parse_adr(text.word(0, '\n').word(0, ' '));
     if (!adr.empty() && (adr.length() == 16) != v6) adr = String();
   }
-  p->resolve_list.pop_front();
-  if (!adr.empty()) p->resolve_list.push_front(format("%s %s %s", word, adr_text(adr), port));
+  p->resolve_list.erase(p->resolve_list.begin());
+  if (!adr.empty()) p->resolve_list.insert(p->resolve_list.begin(), format("%s %s %s", word, adr_text(adr), port));
   return true;
 }
 
@@ -286,16 +294,18 @@ void route_pending_packet(const PendingRef& p) {
     }
     String verb = line.word(0, ' ');
     if (verb == "udp" || verb == "tcp" || verb == "tls") {
-      p->resolve_list.pop_front();
-      if (verb == "udp" && p->message.tls_only) continue;
+      p->resolve_list.erase(p->resolve_list.begin());
+      if (verb == "udp" && p->tls_only) continue;
       p->target = Address(parse_adr(line.word(1, ' ')), line.word(2, ' ').to_int());
       p->transport = verb;
       send_a_packet(p);
       arm_retransmission(p);
+      // A response that won't go again by itself is answered from its text alone.
+      if (!p->is_request && !p->retransmit) p->message.reset();
       return;
     }
     if (verb == "url") {
-      p->resolve_list.pop_front();
+      p->resolve_list.erase(p->resolve_list.begin());
       expand_url(p, line.words_from(1, ' '));
       continue;
     }
@@ -304,13 +314,13 @@ void route_pending_packet(const PendingRef& p) {
       continue;
     }
     log_sip(2, format("Internal error: Unknown DNS resolve type %s", verb));
-    p->resolve_list.pop_front();
+    p->resolve_list.erase(p->resolve_list.begin());
   }
   log_sip(3, format("Could not determine destination address on %d", p->iterations));
-  if (p->message.is_request && p->message.method != method_ack) {
+  if (p->is_request && p->method != method_ack) {
     p->final_seen = true;
     local_response(p, 404, "Not Found");
-    erase_pending_packet(p, p->message.call_id);
+    erase_pending_packet(p, p->call_id);
   }
 }
 
@@ -340,8 +350,7 @@ void send_response(SipMessage&& m) {
   std::vector<PendingRef> replaced;
   for (auto it = range.first; it != range.second; ++it) {
     PendingPacket& q = *it->second;
-    if (q.message.is_request || q.message.cseq != m.cseq || q.message.cseq_method != m.cseq_method ||
-        q.message.from.tag() != from_tag)
+    if (q.is_request || q.cseq != m.cseq || q.cseq_method != m.cseq_method || q.from_tag != from_tag)
       continue;
     replaced.push_back(it->second);
   }
@@ -385,8 +394,8 @@ void send_response(SipMessage&& m) {
 PendingRef pending_invite_of(const SipMessage& cancel) {
   auto range = pending.equal_range(cancel.call_id);
   for (auto it = range.first; it != range.second; ++it) {
-    const SipMessage& q = it->second->message;
-    if (q.is_request && q.method == method_invite && q.cseq == cancel.cseq && q.from.tag() == cancel.from.tag())
+    const PendingPacket& q = *it->second;
+    if (q.is_request && q.method == method_invite && q.cseq == cancel.cseq && q.from_tag == cancel.from.tag())
       return it->second;
   }
   return PendingRef();
@@ -433,7 +442,7 @@ void send_request(SipMessage&& m) {
   bool connection = kind == "tcp" || kind == "tls" || kind == "ctcp" || kind == "ctls";
   set_via_suffix(m);
   PendingRef cancelled = m.method == method_cancel ? pending_invite_of(m) : PendingRef();
-  if (cancelled) m.via_suffix = cancelled->message.via_suffix;
+  if (cancelled && cancelled->message) m.via_suffix = cancelled->message->via_suffix;
   String via_word = connection ? (kind == "tcp" || kind == "ctcp" ? String("TCP") : String("TLS")) : String("XXX");
   String via = sip_setting(String("no_rport")) == "true" || m.method == method_options
                    ? format("SIP/2.0/%s {x-pre-adr}:{x-pre-port}%s", via_word, m.via_suffix)
@@ -449,7 +458,7 @@ void send_request(SipMessage&& m) {
     send_a_packet(p);
     return;
   }
-  SipMessage& msg = p->message;
+  SipMessage& msg = *p->message;
   if (!msg.preset_routes.empty()) {
     for (const String& line : msg.preset_routes.split('\n')) {
       String l = line.trim();
@@ -545,7 +554,8 @@ bool answer_challenge(const PendingRef& p, const SipMessage& response) {
   const Credential& credential = p->credentials.front();
   log_sip(5, format("Answer challenge with username %s", credential.user));
   p->auth_attempts++;
-  SipMessage again = p->first_message;
+  if (!p->first_message) return false;
+  SipMessage again = *p->first_message;
   again.remove_header(hdr_authorization);
   again.remove_header(hdr_proxy_authorization);
   again.add_header(proxy ? hdr_proxy_authorization : hdr_authorization,
@@ -577,15 +587,15 @@ bool message_repetition(const SipMessage& m) {
   std::vector<PendingRef> same;
   String from_tag = m.from.tag();
   for (auto it = range.first; it != range.second; ++it)
-    if (it->second->message.from.tag() == from_tag) same.push_back(it->second);
+    if (it->second->from_tag == from_tag) same.push_back(it->second);
   for (const PendingRef& p : same) {
-    if (p->message.cseq != m.cseq) continue;
+    if (p->cseq != m.cseq) continue;
     if (!m.is_request) {
-      if (p->message.is_request && p->message.method == method_ack && m.cseq_method == method_invite) {
+      if (p->is_request && p->method == method_ack && m.cseq_method == method_invite) {
         send_a_packet(p);
         return true;
       }
-      if (p->message.is_request && p->message.cseq_method == m.cseq_method) {
+      if (p->is_request && p->cseq_method == m.cseq_method) {
         if (m.status >= 200) p->final_seen = true;
         p->retransmit_timer.clear();
         if (answer_challenge(p, m)) return true;
@@ -594,13 +604,13 @@ bool message_repetition(const SipMessage& m) {
       continue;
     }
     if (m.method == method_ack) {
-      if (!p->message.is_request && p->message.cseq_method == method_invite) {
+      if (!p->is_request && p->cseq_method == method_invite) {
         p->final_seen = true;
         p->retransmit_timer.clear();
       }
       continue;
     }
-    if (!p->message.is_request && p->message.cseq_method == m.method && !p->retransmit_timer.armed()) {
+    if (!p->is_request && p->cseq_method == m.method && !p->retransmit_timer.armed()) {
       // A request we answered already: over UDP the stored answer goes out again.
       if (p->transport == "udp" && !p->tagged.empty()) {
         SendOrder order;
@@ -620,7 +630,7 @@ void stop_message_repetition(const String& call_id, uint32_t cseq, const String&
   auto range = pending.equal_range(call_id);
   for (auto it = range.first; it != range.second; ++it) {
     PendingPacket& p = *it->second;
-    if (!p.message.is_request && p.message.status < 200 && p.message.cseq == cseq && p.message.cseq_method == method)
+    if (!p.is_request && p.status < 200 && p.cseq == cseq && p.cseq_method == method)
       p.retransmit_timer.clear();
   }
 }

@@ -4,24 +4,35 @@
 // 408. Service half only (srv_run_mutex).
 #pragma once
 
-#include <deque>
 #include <memory>
+#include <vector>
 
 #include "core/address.h"
 #include "core/tick.h"
 #include "core/timeout.h"
 #include "sip/sip_message.h"
 
+// Thousands of transactions are remembered at a time, each for 32 s, so a packet keeps
+// what it is matched by apart from the message: a sent response that needs no further
+// sending lets its message go and keeps only its text.
 struct PendingPacket : std::enable_shared_from_this<PendingPacket> {
-  SipMessage first_message;
+  String call_id;
+  String from_tag;
+  uint32_t cseq = 0;
+  String method;       // of a request
+  String cseq_method;
+  int status = 0;      // of a response
+  bool is_request = false;
+  bool tls_only = false;
+  std::unique_ptr<SipMessage> first_message;  // requests: as the sender gave it
+  std::unique_ptr<SipMessage> message;        // as on the wire; empty once let go
   TaggedText tagged;
-  SipMessage message;
   bool final_seen = false;
   String socket_key;
   Address target;
   String transport;  // of the current target
   bool retransmit = false;
-  std::deque<String> resolve_list;
+  std::vector<String> resolve_list;  // a few lines; the front is taken first
   int iterations = 0;
   int max_iterations = 50;
   Timeout retransmit_timer;

@@ -82,9 +82,11 @@ std::string file_text(const std::string& path) {
   return s.str();
 }
 
-void write_text(const std::string& path, const std::string& text) {
+bool write_text(const std::string& path, const std::string& text) {
   std::ofstream f(path, std::ios::binary | std::ios::trunc);
   f << text;
+  f.close();
+  return !f.fail();
 }
 
 bool eventually(const std::function<bool()>& condition, int seconds) {

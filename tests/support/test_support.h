@@ -37,8 +37,8 @@ class LogCapture {
 // Root of the source tree, for data files of the tests, and of this build's binaries.
 // The whole of a file, bytes as they are; empty if it can't be read.
 std::string file_text(const std::string& path);
-// Writes `text` to `path`, replacing what was there.
-void write_text(const std::string& path, const std::string& text);
+// Writes `text` to `path`, replacing what was there; false if it couldn't.
+bool write_text(const std::string& path, const std::string& text);
 // Checks `condition` ten times a second for up to `seconds`; for what a daemon or a peer
 // does in its own time.
 bool eventually(const std::function<bool()>& condition, int seconds);
