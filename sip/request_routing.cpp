@@ -10,6 +10,7 @@
 #include "core/tick.h"
 #include "security/md5.h"
 #include "sip/branch.h"
+#include "sip/internal/sip_log.h"
 #include "sip/domain_names.h"
 #include "sip/sip_hooks.h"
 #include "sip/sip_params.h"
@@ -24,10 +25,6 @@ const String default_blacklist("sipcli sipvicious sip-scan sipsak sundayddr frie
 String blacklist_text;
 bool blacklist_read = false;
 std::vector<String> blacklist_words;
-
-void log_sip(int level, const String& text) {
-  if (log_enabled(LOG_SIP, level)) log_add_message_global(LOG_SIP, level, 0, text);
-}
 
 // Blank-separated words; double quotes and a backslash keep a word whole.
 std::vector<String> read_words(const String& text) {
@@ -62,7 +59,7 @@ const std::vector<String>& blacklisted_agents() {
     blacklist_read = true;
     blacklist_text = setting;
     blacklist_words = read_words(setting);
-    log_sip(5, format("Ignore traffic from user-agents %s", setting));
+    log_sip(5, "Ignore traffic from user-agents %s", setting);
   }
   return blacklist_words;
 }
@@ -93,7 +90,7 @@ bool cpu_over_limit() {
   if (limit < 1 || limit > 99) return false;
   int load = (rtp_cpu_load() + 50) / 100;
   if (load <= limit) return false;
-  log_sip(2, format("CPU usage %d exceeded limit %d, rejecting incoming call", load, limit));
+  log_sip(2, "CPU usage %d exceeded limit %d, rejecting incoming call", load, limit);
   return true;
 }
 
@@ -223,7 +220,7 @@ void log_received_packet(const SipMessage& m, const String& transport, const Rec
 void receive_packet(const ReceivedPacket& packet) {
   if (packet.text.length() < 5) {
     if (packet.text.empty()) {
-      log_sip(7, format("Connection from %s closed", address_text(packet.source)));
+      log_sip(7, "Connection from %s closed", address_text(packet.source));
       if (routing_hooks.connection_closed) routing_hooks.connection_closed(packet.socket_key, packet.source);
     }
     return;
@@ -244,14 +241,14 @@ void receive_packet(const ReceivedPacket& packet) {
     if (!agent.empty()) {
       for (const String& word : blacklisted_agents()) {
         if (agent.equals_nocase(word)) {
-          log_sip(4, format("Traffic from %s ignored because of user-agent %s", address_text(packet.source), agent));
+          log_sip(4, "Traffic from %s ignored because of user-agent %s", address_text(packet.source), agent);
           return;
         }
       }
     }
     if (!packet.whitelisted && sip_setting(String("ignore_wrong_domain")) == "true" && !has_home(m)) {
-      log_sip(5, format("Traffic from %s ignored because domain %s was not found", address_text(packet.source),
-                        m.request_uri.host()));
+      log_sip(5, "Traffic from %s ignored because domain %s was not found", address_text(packet.source),
+                        m.request_uri.host());
       return;
     }
     if (keep_alive_request(m)) {

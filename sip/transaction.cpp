@@ -10,6 +10,7 @@
 #include "core/mutex.h"
 #include "core/random.h"
 #include "sip/branch.h"
+#include "sip/internal/sip_log.h"
 #include "sip/digest.h"
 #include "sip/dns_lines.h"
 #include "sip/dns_message.h"
@@ -31,10 +32,6 @@ std::map<String, DialogCSeq> dialog_cseq;
 int link_count = 0;
 ResponseSink response_sink = nullptr;
 SipResolver resolver;
-
-void log_sip(int level, const String& text) {
-  if (log_enabled(LOG_SIP, level)) log_add_message_global(LOG_SIP, level, 0, text);
-}
 
 PendingRef ref_of(const CallbackObject& o) { return std::static_pointer_cast<PendingPacket>(o); }
 
@@ -59,7 +56,7 @@ void send_a_packet(const PendingRef& p) {
   SipMessage& m = *p->message;
   String word = p->transport.empty() ? String("udp") : p->transport;
   if (word != "udp" && word != "tcp" && word != "tls") {
-    log_sip(4, format("send_a_packet: Transport %s not supported", word));
+    log_sip(4, "send_a_packet: Transport %s not supported", word);
     return;
   }
   set_via_transport(m, word);
@@ -118,7 +115,7 @@ void pending_packet_timeout(const CallbackObject& o) {
   if (p->is_request && !p->final_seen) {
     local_response(p, 408, "Request Timeout");
   } else if (!p->is_request && !p->final_seen && p->cseq_method == method_invite && p->status >= 200) {
-    log_sip(4, format("Did not receive ACK, disconnecting call %s", p->call_id));
+    log_sip(4, "Did not receive ACK, disconnecting call %s", p->call_id);
   }
   erase_pending_packet(p, p->call_id);
 }
@@ -154,7 +151,7 @@ void unlink_pending(const PendingRef& p, const String& call_id) {
 
 void link_pending_packet(const String& call_id, const PendingRef& p) {
   if (++link_count % 16 == 0) {
-    log_sip(9, format("%d callids pending", static_cast<int>(pending.size())));
+    log_sip(9, "%d callids pending", static_cast<int>(pending.size()));
     // Packets whose timers were lost would stay for ever; the age list is in order of
     // creation, so only the expired ones at its head are looked at.
     Tick now = Tick::now();
@@ -286,9 +283,9 @@ bool resolve_line(const PendingRef& p, const String& verb, const String& line) {
 void route_pending_packet(const PendingRef& p) {
   while (!p->resolve_list.empty()) {
     String line = p->resolve_list.front();
-    log_sip(9, format("Resolve %d: %s", p->iterations, line));
+    log_sip(9, "Resolve %d: %s", p->iterations, line);
     if (++p->iterations > p->max_iterations) {
-      log_sip(2, format("Cannot route packet %d (too many iterations): %s", p->iterations, line));
+      log_sip(2, "Cannot route packet %d (too many iterations): %s", p->iterations, line);
       p->resolve_list.clear();
       break;
     }
@@ -313,10 +310,10 @@ void route_pending_packet(const PendingRef& p) {
       if (!resolve_line(p, verb, line)) return;
       continue;
     }
-    log_sip(2, format("Internal error: Unknown DNS resolve type %s", verb));
+    log_sip(2, "Internal error: Unknown DNS resolve type %s", verb);
     p->resolve_list.erase(p->resolve_list.begin());
   }
-  log_sip(3, format("Could not determine destination address on %d", p->iterations));
+  log_sip(3, "Could not determine destination address on %d", p->iterations);
   if (p->is_request && p->method != method_ack) {
     p->final_seen = true;
     local_response(p, 404, "Not Found");
@@ -356,7 +353,7 @@ void send_response(SipMessage&& m) {
   }
   for (const PendingRef& q : replaced) erase_pending_packet(q, m.call_id);
   if (m.via.empty()) {
-    log_sip(3, format("Via is empty for %s, cannot send reply to %s", m.call_id, m.received));
+    log_sip(3, "Via is empty for %s, cannot send reply to %s", m.call_id, m.received);
     return;
   }
   if (m.cseq_method == method_invite && m.status >= 180 && m.status < 300) {
@@ -370,7 +367,7 @@ void send_response(SipMessage&& m) {
   else if (word == "sip/2.0/tcp") word = String("tcp");
   else if (word == "sip/2.0/tls") word = String("tls");
   else {
-    log_sip(3, format("Unsupported transport layer in %s", m.via[0]));
+    log_sip(3, "Unsupported transport layer in %s", m.via[0]);
     word = via.protocol.words_from(2, '/').to_lower();
   }
   int port = via.port.is_int() ? via.port.to_int() : (word == "tls" ? 5061 : 5060);
@@ -423,7 +420,7 @@ void send_request(SipMessage&& m) {
     auto found = dialog_cseq.find(key);
     if (found == dialog_cseq.end()) {
       if (m.method == method_notify)
-        log_sip(4, format("Unregistered subscription %s (tag=%s)", m.call_id, m.from.tag()));
+        log_sip(4, "Unregistered subscription %s (tag=%s)", m.call_id, m.from.tag());
       found = dialog_cseq.emplace(key, DialogCSeq{random_below(32768) + 1, 0}).first;
     }
     if (m.method == method_ack || m.method == method_cancel) {
@@ -435,7 +432,7 @@ void send_request(SipMessage&& m) {
   }
   if (m.from.raw().empty() || m.to.raw().empty() || m.call_id.empty()) {
     const char* missing = m.from.raw().empty() ? "From" : m.to.raw().empty() ? "To" : "Call-ID";
-    log_sip(3, format("send_packet %s: %s missing %s", m.method, missing, m.call_id));
+    log_sip(3, "send_packet %s: %s missing %s", m.method, missing, m.call_id);
     return;
   }
   String kind = m.socket_key.word(0, ':');
@@ -481,7 +478,7 @@ void send_request(SipMessage&& m) {
   else if (msg.proxy == "sip:loopback") p->resolve_list.push_back(String("udp 127.0.0.1 5060"));
   else if (!msg.proxy.empty()) target = msg.proxy.contains(':') ? msg.proxy : String("sip:") + msg.proxy;
   else if (uri_param(msg.request_uri, String("enum")) == "true" && !(enum_name = enum_domain(msg.request_uri.user())).empty()) {
-    log_sip(7, format("Converting phone %s into %s", msg.request_uri.user(), enum_name));
+    log_sip(7, "Converting phone %s into %s", msg.request_uri.user(), enum_name);
     p->resolve_list.push_back(String("enum ") + enum_name);
   } else target = msg.request_uri.text();
   if (!target.empty()) {
@@ -552,7 +549,7 @@ bool answer_challenge(const PendingRef& p, const SipMessage& response) {
   }
   if (challenge.empty()) return false;
   const Credential& credential = p->credentials.front();
-  log_sip(5, format("Answer challenge with username %s", credential.user));
+  log_sip(5, "Answer challenge with username %s", credential.user);
   p->auth_attempts++;
   if (!p->first_message) return false;
   SipMessage again = *p->first_message;
