@@ -240,7 +240,7 @@ void process(const RegistrationRef& r, SipMessage& m) {
       post_to_control(tag_credentials_question, q);
     }
     if (static_cast<int>(r->waiting_security.size()) >= max_waiting) {
-      r->waiting_security.pop_front();
+      r->waiting_security.erase(r->waiting_security.begin());
       log_reg(4, format("Security has %d pending packets", max_waiting));
     }
     r->waiting_security.push_back(m);
@@ -316,7 +316,7 @@ void process(const RegistrationRef& r, SipMessage& m) {
   r->last_values = values;
   r->last_asked = numeric ? expires : 0;
   if (static_cast<int>(r->waiting_register.size()) >= max_waiting) {
-    r->waiting_register.pop_front();
+    r->waiting_register.erase(r->waiting_register.begin());
     log_reg(4, format("%d registration messages pending", max_waiting));
   }
   r->waiting_register.push_back(m);
@@ -422,8 +422,8 @@ void register_policy_set(const String& value) {
     if (tag == rec_user) user = v;
     if (tag == rec_password) r->credentials.push_back(Credential{user, v});
   }
-  std::deque<SipMessage> waiting = static_cast<std::deque<SipMessage>&&>(r->waiting_security);
-  r->waiting_security.clear();
+  std::vector<SipMessage> waiting = static_cast<std::vector<SipMessage>&&>(r->waiting_security);
+  r->waiting_security = std::vector<SipMessage>();
   for (SipMessage& m : waiting) process(r, m);
 }
 
@@ -441,6 +441,7 @@ void register_response(const String& value) {
     if (it->cseq != cseq) continue;
     SipMessage m = *it;
     r->waiting_register.erase(it);
+    if (r->waiting_register.empty()) r->waiting_register = std::vector<SipMessage>();  // its room goes too
     int status = t.find(rec_status).to_int();
     if (status < 300) {
       r->expires = t.find(rec_expires).to_int();

@@ -4,7 +4,6 @@
 // Service half only (srv_run_mutex).
 #pragma once
 
-#include <deque>
 #include <memory>
 #include <vector>
 
@@ -51,8 +50,10 @@ struct Registration {
   String username;
   int free_refreshes = 0;
   NonceStore nonces;
-  std::deque<SipMessage> waiting_security;
-  std::deque<SipMessage> waiting_register;
+  // Requests waiting for the control half; empty almost always, so they hold no room
+  // then (a deque would keep a block of messages for every phone).
+  std::vector<SipMessage> waiting_security;
+  std::vector<SipMessage> waiting_register;
   Timeout removal_timer;
   int expires = 0;     // granted by the control half
   int last_asked = 0;  // what the request that got it asked for
