@@ -172,18 +172,22 @@ namespace {
 // The packet trace is switched per class of traffic, so that the registrations of a
 // thousand phones don't drown the one call being looked at; a watched address is always
 // traced.
-const char* packet_class_setting(const SipMessage& m) {
+const String set_log_sip_register("log_sip_register"), set_log_sip_subnot("log_sip_subnot"),
+    set_log_sip_dialog("log_sip_dialog"), set_log_sip_other("log_sip_other"),
+    set_log_sip_watchlist("log_sip_watchlist");
+
+const String& packet_class_setting(const SipMessage& m) {
   const String& method = m.is_request ? m.method : m.cseq_method;
-  if (method == method_register) return "log_sip_register";
-  if (method == method_subscribe || method == method_notify) return "log_sip_subnot";
-  if (method == method_invite || method == method_cancel || m.port_index >= 0) return "log_sip_dialog";
-  return "log_sip_other";
+  if (method == method_register) return set_log_sip_register;
+  if (method == method_subscribe || method == method_notify) return set_log_sip_subnot;
+  if (method == method_invite || method == method_cancel || m.port_index >= 0) return set_log_sip_dialog;
+  return set_log_sip_other;
 }
 
 bool watched(const Address& source) {
   static String parsed_value;
   static std::vector<String> addresses;
-  String value = sip_setting(String("log_sip_watchlist"));
+  String value = sip_setting(set_log_sip_watchlist);
   if (value.empty()) return false;
   if (value != parsed_value) {
     parsed_value = value;
@@ -208,7 +212,7 @@ bool has_home(const SipMessage& m) {
 
 void log_received_packet(const SipMessage& m, const String& transport, const ReceivedPacket& packet) {
   bool watch = watched(packet.source);
-  int level = log_level_value(sip_setting(String(packet_class_setting(m))));
+  int level = log_level_value(sip_setting(packet_class_setting(m)));
   if (!watch && level <= 0 && !log_enabled(LOG_SIP, 9)) return;
   if (!log_enabled(LOG_WATCH, 0)) return;  // the log isn't on
   String title = format("SIP Rx %s:", transport_address_text(transport, packet.source));

@@ -189,6 +189,10 @@ PendingRef make_pending(SipMessage&& m) {
   return p;
 }
 
+void push_lines_front(const PendingRef& p, const std::vector<String>& lines) {
+  for (auto it = lines.rbegin(); it != lines.rend(); ++it) p->resolve_list.insert(p->resolve_list.begin(), *it);
+}
+
 // "url <uri>": the lines that reach the URI's host.
 void expand_url(const PendingRef& p, const String& uri_text) {
   SipUri uri(uri_text);
@@ -209,7 +213,7 @@ void expand_url(const PendingRef& p, const String& uri_text) {
     String wanted = tls ? String("tls") : transport == "tcp" || transport == "udp" ? transport : String();
     lines.push_back(wanted.empty() ? format("naptr %s", host) : format("naptr %s %s", host, wanted));
   }
-  for (auto it = lines.rbegin(); it != lines.rend(); ++it) p->resolve_list.insert(p->resolve_list.begin(), *it);
+  push_lines_front(p, lines);
 }
 
 void retry_route(const CallbackObject& o) { route_pending_packet(ref_of(o)); }
@@ -223,12 +227,9 @@ bool dns_text(const PendingRef& p, const String& name, int type, String& text) {
   return false;
 }
 
-void push_lines_front(const PendingRef& p, const std::vector<String>& lines) {
-  for (auto it = lines.rbegin(); it != lines.rend(); ++it) p->resolve_list.insert(p->resolve_list.begin(), *it);
-}
-
 // What ENUM expressions are applied to: the user and host of the request's URI.
 String enum_subject(const PendingRef& p) {
+  if (!p->message) return String();
   const SipUri& uri = p->message->request_uri;
   return uri.user().empty() ? uri.host() : format("%s@%s", uri.user(), uri.host());
 }
