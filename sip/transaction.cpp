@@ -74,7 +74,8 @@ void send_a_packet(const PendingRef& p) {
 void arm_retransmission(const PendingRef& p) {
   if (!p->retransmit || p->transport != "udp") return;
   p->interval_units = 1;
-  p->retransmit_timer.callback(service_queue, 500, callback_argument(resend_packet, CallbackObject(p)));
+  p->resend_due = Tick::now().plus_ms(500);
+  p->retransmit_timer.callback_at(service_queue, p->resend_due, callback_argument(resend_packet, CallbackObject(p)));
 }
 
 // A response built here when a request can't go anywhere; it takes the path of a
@@ -101,8 +102,10 @@ void resend_packet(const CallbackObject& o) {
       order.transport = p->transport;
       return order;
     }());
-    p->retransmit_timer.callback(service_queue, static_cast<int64_t>(p->interval_units) * 500,
-                                 callback_argument(resend_packet, o));
+    // Counted from when this send was due, not from when the timer got to run, so that
+    // the schedule doesn't drift by the delay of each wake-up.
+    p->resend_due = p->resend_due.plus_ms(static_cast<int64_t>(p->interval_units) * 500);
+    p->retransmit_timer.callback_at(service_queue, p->resend_due, callback_argument(resend_packet, o));
     return;
   }
   route_pending_packet(p);

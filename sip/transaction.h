@@ -38,6 +38,7 @@ struct PendingPacket : std::enable_shared_from_this<PendingPacket> {
   Timeout retransmit_timer;
   Timeout life_timer;
   int interval_units = 0;
+  Tick resend_due;  // when the last send by the retransmit timer was due
   Tick created;
   int auth_attempts = 0;
   std::vector<Credential> credentials;
