@@ -1,5 +1,5 @@
-// A real soft phone registers over TCP with an extension and its password, and its
-// binding goes when it quits.
+// A real soft phone registers over TCP with an extension and its password, stays
+// connected while it is quiet, and its binding goes when it quits.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -9,6 +9,7 @@
 #include <sstream>
 
 #include "tests/e2e/daemon_runner.h"
+#include "tests/e2e/sip_probe.h"
 #include "tests/support/test_support.h"
 #include "tests/support/work_dir_fixture.h"
 
@@ -39,7 +40,8 @@ TEST(BaresipTest, RegistersOverTcpAndUnregistersOnQuit) {
     (void)f;
     dup2(1, 2);
     alarm(30);
-    execl("/usr/bin/baresip", "baresip", "-f", phone.c_str(), "-t", "4", static_cast<char*>(nullptr));
+    // Longer than the idle limit of a fresh SIP connection (8 s): the binding must keep it open.
+    execl("/usr/bin/baresip", "baresip", "-f", phone.c_str(), "-t", "11", static_cast<char*>(nullptr));
     _exit(127);
   }
   int status = 0;
@@ -49,5 +51,12 @@ TEST(BaresipTest, RegistersOverTcpAndUnregistersOnQuit) {
   EXPECT_NE(said.find("[1 binding]"), std::string::npos) << said;
   EXPECT_TRUE(eventually([&] { return file_text(err).find("Account 40 is removing a registration") != std::string::npos; }, 10))
       << file_text(err);
-  EXPECT_NE(file_text(err).find("Account 40 is registering a new contact from 127.0.0.1:"), std::string::npos);
+  std::string log = file_text(err);
+  EXPECT_EQ(occurrences(log, "Account 40 is registering a new contact from 127.0.0.1:"), 1) << log;
+  // The phone's one connection closed only when it quit, after its binding went.
+  EXPECT_TRUE(eventually([&] { return occurrences(file_text(err), "Connection from 127.0.0.1:") > 0; }, 10));
+  log = file_text(err);
+  size_t removed = log.find("Account 40 is removing a registration"), closed = log.find("Connection from 127.0.0.1:");
+  EXPECT_EQ(occurrences(log, "Connection from 127.0.0.1:"), 1) << log;
+  EXPECT_LT(removed, closed) << log;
 }
