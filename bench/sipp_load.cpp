@@ -28,25 +28,6 @@ double seconds_since(std::chrono::steady_clock::time_point start) {
   return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
-// The totals of the last line of sipp's statistics file, by column name.
-void read_totals(const std::string& file, SippOutcome& out) {
-  std::ifstream f(file);
-  std::string header, line, last;
-  std::getline(f, header);
-  while (std::getline(f, line))
-    if (!line.empty()) last = line;
-  std::vector<std::string> names, values;
-  std::stringstream hs(header), vs(last);
-  std::string cell;
-  while (std::getline(hs, cell, ';')) names.push_back(cell);
-  while (std::getline(vs, cell, ';')) values.push_back(cell);
-  for (size_t i = 0; i < names.size() && i < values.size(); i++) {
-    long v = std::atol(values[i].c_str());
-    if (names[i] == "SuccessfulCall(C)") out.successful = v;
-    if (names[i] == "FailedCall(C)") out.failed = v;
-    if (names[i] == "Retransmissions(C)") out.retransmissions = v;
-  }
-}
 
 }  // namespace
 
@@ -107,7 +88,10 @@ SippOutcome run_sipp_load(const SippLoad& load, int tick_seconds, const std::fun
   }
   out.seconds = seconds_since(start);
   out.exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  read_totals(stats, out);
+  SippTotals totals = read_sipp_totals(stats);
+  out.successful = totals.successful;
+  out.failed = totals.failed;
+  out.retransmissions = totals.retransmissions;
   std::ifstream f(log);
   std::stringstream all;
   all << f.rdbuf();

@@ -121,16 +121,6 @@ int row_files(const std::string& dir) {
   return n;
 }
 
-// A table of the directory, loaded on its own with the schema's columns.
-std::unique_ptr<Table> open_table(const std::string& dir, const String& name) {
-  auto t = std::make_unique<Table>(name);
-  for (int i = 0; i < schema_table_count; i++) {
-    if (name != schema_tables[i].name) continue;
-    for (const SchemaColumn& c : schema_columns(schema_tables[i])) t->add_column(c.name, c.indexed, c.encrypted);
-  }
-  t->load(String(dir.data(), static_cast<int>(dir.size())) + "/" + name);
-  return t;
-}
 
 class RegistrarWireTest : public ::testing::Test {
  protected:

@@ -9,6 +9,28 @@
 #include "core/udp_socket.h"
 #include "tests/support/test_support.h"
 
+SippTotals read_sipp_totals(const std::string& stats_file) {
+  // The last line holds the totals; the columns are named in the first.
+  SippTotals out;
+  std::ifstream f(stats_file);
+  std::string header, line, last;
+  std::getline(f, header);
+  while (std::getline(f, line))
+    if (!line.empty()) last = line;
+  std::vector<std::string> names, values;
+  std::stringstream hs(header), vs(last);
+  std::string cell;
+  while (std::getline(hs, cell, ';')) names.push_back(cell);
+  while (std::getline(vs, cell, ';')) values.push_back(cell);
+  for (size_t i = 0; i < names.size() && i < values.size(); i++) {
+    long v = std::atol(values[i].c_str());
+    if (names[i] == "SuccessfulCall(C)") out.successful = v;
+    if (names[i] == "FailedCall(C)") out.failed = v;
+    if (names[i] == "Retransmissions(C)") out.retransmissions = v;
+  }
+  return out;
+}
+
 bool sipp_available() { return access("/usr/bin/sipp", X_OK) == 0; }
 
 int free_udp_port() {
@@ -50,20 +72,8 @@ SippResult run_sipp(const std::string& scenario, int port, int calls, int rate, 
   int status = 0;
   waitpid(pid, &status, 0);
   r.exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  // The last line of the statistics file holds the totals; columns are named in the first.
-  std::ifstream f(stats);
-  std::string header, line, last;
-  std::getline(f, header);
-  while (std::getline(f, line))
-    if (!line.empty()) last = line;
-  std::vector<std::string> names, values;
-  std::stringstream hs(header), vs(last);
-  std::string cell;
-  while (std::getline(hs, cell, ';')) names.push_back(cell);
-  while (std::getline(vs, cell, ';')) values.push_back(cell);
-  for (size_t i = 0; i < names.size() && i < values.size(); i++) {
-    if (names[i] == "SuccessfulCall(C)") r.successful = std::atol(values[i].c_str());
-    if (names[i] == "FailedCall(C)") r.failed = std::atol(values[i].c_str());
-  }
+  SippTotals totals = read_sipp_totals(stats);
+  r.successful = totals.successful;
+  r.failed = totals.failed;
   return r;
 }

@@ -11,6 +11,14 @@ struct SippResult {
   std::string output;
 };
 
+// The totals of the last line of sipp's statistics file (-trace_stat), by column name.
+struct SippTotals {
+  long successful = 0;
+  long failed = 0;
+  long retransmissions = 0;
+};
+SippTotals read_sipp_totals(const std::string& stats_file);
+
 bool sipp_available();
 // A free UDP port on 127.0.0.1.
 int free_udp_port();

@@ -35,16 +35,6 @@ bool port_free(int type, int port) {
   return ok;
 }
 
-// A table of the schema on its own, loaded from the directory, outside the process's tables.
-std::unique_ptr<Table> open_table(const std::string& base, const String& name) {
-  auto t = std::make_unique<Table>(name);
-  for (int i = 0; i < schema_table_count; i++) {
-    if (name != schema_tables[i].name) continue;
-    for (const SchemaColumn& c : schema_columns(schema_tables[i])) t->add_column(c.name, c.indexed, c.encrypted);
-  }
-  t->load(S(base) + "/" + name);
-  return t;
-}
 
 }  // namespace
 
@@ -59,6 +49,16 @@ int free_port() {
     }
   }
   return 0;
+}
+
+std::unique_ptr<Table> open_table(const std::string& base, const String& name) {
+  auto t = std::make_unique<Table>(name);
+  for (int i = 0; i < schema_table_count; i++) {
+    if (name != schema_tables[i].name) continue;
+    for (const SchemaColumn& c : schema_columns(schema_tables[i])) t->add_column(c.name, c.indexed, c.encrypted);
+  }
+  t->load(S(base) + "/" + name);
+  return t;
 }
 
 WorkDir write_work_dir(const std::string& path, const WorkDirOptions& options) {

@@ -7,8 +7,11 @@
 #pragma once
 
 #include <map>
+#include <memory>
 #include <string>
 #include <vector>
+
+#include "core/string.h"
 
 struct WorkDirExtension {
   std::string number;
@@ -42,3 +45,8 @@ WorkDir write_work_dir(const std::string& path, const WorkDirOptions& options = 
 
 // A port that nothing on loopback uses at the moment of the call, for UDP and TCP alike.
 int free_port();
+
+class Table;
+// A table of the schema on its own, loaded from the working directory `base`, outside the
+// process's tables: what the daemon left on disk.
+std::unique_ptr<Table> open_table(const std::string& base, const String& name);
